@@ -1,0 +1,147 @@
+/* The SQLite host: the engine side of libzqrtree, for the programs that
+ * embed the library (tests, the zqrtree tool, the SQLite extension).
+ *
+ * The engine operations themselves are declared in include/zqhost/; this
+ * header declares what a program needs around them: environments with their
+ * error stack and fault injection, sessions over a SQLite connection, node
+ * tables, the default row callbacks and temporary tables of pending changes.
+ * The host knows nothing of R-trees: to it a node table is a table like any
+ * other. */
+#ifndef ZQ_HOST_HOST_H
+#define ZQ_HOST_HOST_H
+
+#include <sqlite3.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "zqhost/dict.h"
+#include "zqhost/env.h"
+#include "zqhost/hooks.h"
+#include "zqhost/mem.h"
+#include "zqhost/ptx.h"
+#include "zqhost/rec.h"
+#include "zqhost/sort.h"
+#include "zqhost/tmptab.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- environments and the error stack ---- */
+
+typedef struct zq_err_entry {
+  int32_t code;
+  const char* func; /* the pushing function's name (a copy owned by the env) */
+  int32_t level;
+} zq_err_entry;
+
+zq_env* zqenv_create(void);
+/* Frees the environment and anything still allocated through it (heaps and
+ * blocks a failure path left behind). */
+void zqenv_destroy(zq_env* env);
+size_t zqenv_err_count(const zq_env* env);
+zq_err_entry zqenv_err_at(const zq_env* env, size_t i); /* 0 = first pushed */
+void zqenv_err_clear(zq_env* env);
+/* The error stack as readable lines ("  code -503 in rtr_node_insert_cell");
+ * returns the length it needed, writes at most cap bytes with terminator. */
+size_t zqenv_err_format(const zq_env* env, char* buf, size_t cap);
+
+/* Allocations made through this env and not yet freed (blocks, heaps, pools). */
+uint64_t zqenv_live_allocs(const zq_env* env);
+
+/* ---- fault injection (all per env; 0 switches a fault off) ---- */
+
+/* The nth allocation from now (1-based) fails: mem_malloc_ex, pool and heap
+ * creation, memory-object allocations, key/row/fill-info creation. */
+void zqfault_fail_alloc_nth(zq_env* env, uint64_t nth);
+/* Allocations counted since the env was made or zqfault_reset. */
+uint64_t zqfault_alloc_count(const zq_env* env);
+/* Every creation of a pool with this name fails (null: off). */
+void zqfault_fail_pool(zq_env* env, const char* name);
+/* The nth raise-capable call inside a mini-transaction (see zqhost/ptx.h)
+ * raises `code`, with the ptx's release flag set to `release_flag`. */
+void zqfault_raise_nth(zq_env* env, uint64_t nth, int32_t code, uint8_t release_flag);
+uint64_t zqfault_raise_count(const zq_env* env);
+/* The nth call of default row callback `slot` (3, 4, 5 or 6) returns `code`
+ * without touching the table. */
+void zqfault_callback_nth(zq_env* env, uint32_t slot, uint64_t nth, int32_t code);
+uint64_t zqfault_callback_count(const zq_env* env, uint32_t slot);
+void zqfault_reset(zq_env* env);
+
+/* zq_sys_halt writes its message to standard error and aborts, unless a
+ * handler is set (tests set one). Returns the previous handler. */
+typedef void (*zq_halt_handler)(const char* message, int32_t code);
+zq_halt_handler zqhost_set_halt_handler(zq_halt_handler handler);
+
+/* ---- sessions ---- */
+
+/* Opens `path` (":memory:" allowed); files use WAL. Null with *code < 0. */
+zq_session* zqsess_open(zq_env* env, const char* path, int32_t* code);
+/* A session over a connection the caller owns (the SQLite extension). */
+zq_session* zqsess_wrap(zq_env* env, sqlite3* db);
+void zqsess_close(zq_session* session);
+sqlite3* zqsess_db(zq_session* session);
+zq_env* zqsess_env(zq_session* session);
+void zqsess_set_rtree_buf_mb(zq_session* session, uint32_t total_mb, uint32_t per_handle_mb);
+void zqsess_set_sort_mem(zq_session* session, uint64_t bytes);
+uint64_t zqsess_sort_mem(const zq_session* session);
+/* The scope of one database of the connection ("main", "temp", attached). */
+zq_scope* zqsess_scope(zq_session* session, const char* schema);
+
+/* User-level transactions. A rollback also drops the host's cached state
+ * (rowid counters, dictionary objects) so nothing stale survives it. */
+int32_t zqsess_begin(zq_session* session);
+int32_t zqsess_commit(zq_session* session);
+int32_t zqsess_rollback(zq_session* session);
+
+/* Creates the empty node table "MDRT$" + index_name in `schema`, with the
+ * columns level, parent_id, cells, the system column and the rowid. */
+int32_t zqsess_create_node_table(zq_session* session, const char* schema,
+                                 const char* index_name);
+/* The record descriptor of a table's B-tree, so tests can set its flags. */
+zq_recdesc* zqsess_table_recdesc(zq_session* session, const char* schema,
+                                 const char* table_name);
+
+/* ---- default row callbacks (install with rtr_hook_init) ---- */
+
+uint16_t zqhost_get_row_tag(const zq_recdesc* desc);
+int32_t zqhost_rec_is_visible(zq_env* env, zq_session* session, const zq_nrec* rec);
+int32_t zqhost_rec_read_visible_version(zq_env* env, zq_memobj* scratch, zq_session* session,
+                                        const zq_recdesc* desc, const zq_nrec* rec,
+                                        const zq_nrec* rec2, zq_fillinfo* out, int32_t* code);
+int32_t zqhost_row_delete(zq_ptx* ptx, zq_session* session, zq_table* table, zq_index* index,
+                          const zq_recdesc* desc, zq_key* key, uint16_t row_tag, uint64_t dver,
+                          const zq_nrec* rec);
+int32_t zqhost_row_insert(zq_ptx* ptx, zq_session* session, zq_table* table, zq_index* index,
+                          const zq_recdesc* desc, zq_row* row, zq_key* key, uint16_t row_tag,
+                          uint32_t options);
+int32_t zqhost_row_update_fixed(zq_ptx* ptx, zq_session* session, zq_table* table,
+                                zq_index* index, const zq_recdesc* desc, zq_key* key,
+                                zq_fillinfo* new_values, zq_fillinfo* old_values,
+                                uint16_t row_tag, uint64_t dver, nbtr_cur* cur);
+int32_t zqhost_row_update_unfixed(zq_ptx* ptx, zq_session* session, zq_table* table,
+                                  zq_index* index, const zq_recdesc* desc, zq_key* key,
+                                  zq_row* new_row, zq_fillinfo* old_values, uint16_t row_tag,
+                                  uint64_t dver, nbtr_cur* cur);
+void zqhost_row_insert_failed(zq_env* env, int32_t code);
+
+/* ---- temporary tables of pending spatial changes ---- */
+
+zq_tmptab_owner* zqsess_tmptab_owner(zq_session* session);
+/* A spatial temp table with id `id` on the owner's chain; null on failure. */
+zq_tmptab* zqtmp_create_spatial(zq_session* session, uint32_t id);
+/* Adds or replaces the pending change (flag 'D' or 'I', rowid, box as three
+ * minima then three maxima). */
+int32_t zqtmp_put(zq_session* session, zq_tmptab* tab, char flag, int64_t rowid,
+                  const double box[6]);
+/* Sets or clears the delete mark of the row (flag, rowid). */
+int32_t zqtmp_mark_deleted(zq_session* session, zq_tmptab* tab, char flag, int64_t rowid,
+                           int32_t marked);
+int32_t zqtmp_clear(zq_session* session, zq_tmptab* tab);
+void zqtmp_drop(zq_session* session, zq_tmptab* tab);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
