@@ -1,0 +1,161 @@
+// The per-handle node cache: hash by node id, recency list, dirty and
+// deleted lists, eviction and write-back.
+//
+// Call order: rtr_node_acquire / rtr_node_new pin a node -> the caller edits
+// it (rtr_node_set_modify / rtr_node_set_delete record the change) ->
+// rtr_node_release. Rows are written by rtr_node_discard when a dirty node is
+// evicted, by rtr_flush_all, or by rtr_node_flush called directly for a node
+// the deletion took out of the tree. Marks are never cleared on write-back
+// (intended): a handle is flushed once, then destroyed.
+#include "rtr/frame.h"
+#include "rtr/node_list.h"
+#include "zqrtree/node.h"
+#include "zqrtree/phy.h"
+
+using zqrtree::kDeletedList;
+using zqrtree::kDirtyList;
+using zqrtree::kRecencyList;
+
+namespace {
+
+rtr_node** bucket_of(rtr_mem* rtr, int64_t id) {
+  zq_hash* hash = rtr->node_hash;
+  const uint32_t index = (rtr_node_hash(id) ^ RTR_NODE_HASH_SALT) % hash->n_buckets;
+  return reinterpret_cast<rtr_node**>(&hash->buckets[index]);
+}
+
+void unchain(rtr_mem* rtr, rtr_node* node) {
+  rtr_node** link = bucket_of(rtr, node->id);
+  while (*link != node) link = &(*link)->hash_next;
+  *link = node->hash_next;
+  node->hash_next = nullptr;
+}
+
+// The least recently used node nobody pins, or null.
+rtr_node* eviction_candidate(const rtr_mem* rtr) {
+  rtr_node* node = rtr->lru_last;
+  while (node != nullptr && node->ref_count != 0) node = node->lru_prev;
+  return node;
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t rtr_node_hash(int64_t id) {
+  return static_cast<uint32_t>(static_cast<uint64_t>(id));
+}
+
+rtr_node* rtr_node_hash_lookup(rtr_mem* rtr, int64_t id) {
+  // An empty cache answers without its table: a bulk-build handle has none.
+  if (rtr->n_cached == 0) return nullptr;
+  for (rtr_node* node = *bucket_of(rtr, id); node != nullptr; node = node->hash_next) {
+    if (node->id == id) return node;
+  }
+  return nullptr;
+}
+
+void rtr_node_hash_insert(rtr_mem* rtr, rtr_node* node, uint32_t hash_only) {
+  rtr_node** head = bucket_of(rtr, node->id);
+  node->hash_next = *head;
+  *head = node;
+  if (hash_only == 0) kRecencyList.push_first(rtr, node);
+}
+
+void rtr_node_hash_delete(rtr_mem* rtr, rtr_node* node) {
+  unchain(rtr, node);
+  kRecencyList.unlink(rtr, node);
+  // in_dirty outlives write-back, so a node already written by rtr_flush_all
+  // is unlinked here by its cleared links: intended, a handle is not reused
+  // after its flush.
+  if (node->in_dirty != 0) kDirtyList.unlink(rtr, node);
+}
+
+void rtr_make_young(rtr_mem* rtr, rtr_node* node) {
+  kRecencyList.unlink(rtr, node);
+  kRecencyList.push_first(rtr, node);
+}
+
+int32_t rtr_node_acquire(zq_env* env, rtr_mem* rtr, int64_t node_id, rtr_node** out) {
+  *out = nullptr;
+  rtr_node* node = rtr_node_hash_lookup(rtr, node_id);
+  if (node != nullptr) {
+    ++node->ref_count;
+    rtr_make_young(rtr, node);
+    *out = node;
+    return RTR_OK;
+  }
+  const int32_t rc = rtr_phy_read_node(env, rtr, node_id, &node);
+  if (rc < 0) return zqrtree::fail(env, rc, "rtr_node_acquire");
+  if (node_id == RTR_ROOT_ID) rtr->root_level = node->level;
+  rtr_node_hash_insert(rtr, node, 0);
+  *out = node;
+  return RTR_OK;
+}
+
+void rtr_node_release(rtr_node* node) {
+  // A node left unpinned stays cached until evicted.
+  if (node != nullptr) --node->ref_count;
+}
+
+void rtr_node_set_modify(zq_env* env, rtr_mem* rtr, rtr_node* node) {
+  if (node->is_deleted != 0) return;
+  if (node->id == 0) {
+    int32_t code = 0;
+    // The code is not examined: intended, a failed id surfaces at write-back.
+    node->id = rtr_phy_get_next_node_id(env, rtr, &code);
+    node->is_new = 1;
+  } else {
+    node->is_modified = 1;
+  }
+  if (node->in_dirty == 0) {
+    node->in_dirty = 1;
+    kDirtyList.push_first(rtr, node);
+  }
+}
+
+void rtr_node_set_delete(rtr_mem* rtr, rtr_node* node) {
+  if (node->is_deleted != 0) return;
+  node->is_deleted = 1;
+  rtr_node_hash_delete(rtr, node);
+  node->in_dirty = 1;
+  kDeletedList.push_first(rtr, node);
+}
+
+int32_t rtr_node_flush(zq_env* env, rtr_mem* rtr, rtr_node* node) {
+  // The callers push: this level only chooses the row operation.
+  if (node->is_new != 0) {
+    // Created and removed before ever being written: no row to touch.
+    return node->is_deleted != 0 ? RTR_OK : rtr_phy_insert_node(env, rtr, node);
+  }
+  if (node->is_deleted != 0) return rtr_phy_delete_node(env, rtr, &node->id);
+  return rtr_phy_modify_node(env, rtr, node);
+}
+
+int32_t rtr_flush_all(zq_env* env, rtr_mem* rtr) {
+  // Oldest first: rows are written in the order of the nodes' first change.
+  while (rtr->dirty_last != nullptr) {
+    rtr_node* node = rtr->dirty_last;
+    kDirtyList.unlink(rtr, node);
+    // in_dirty stays set (intended): a later change does not requeue the node.
+    const int32_t rc = rtr_node_flush(env, rtr, node);
+    if (rc < 0) return zqrtree::fail(env, rc, "rtr_flush_all");
+  }
+  return RTR_OK;
+}
+
+int32_t rtr_node_discard(zq_env* env, rtr_mem* rtr, rtr_node** out) {
+  *out = nullptr;
+  rtr_node* node = eviction_candidate(rtr);
+  if (node == nullptr) return RTR_NOTE_NOTHING;
+  if (node->in_dirty != 0) {
+    const int32_t rc = rtr_node_flush(env, rtr, node);
+    // The node stays cached and dirty, so nothing is lost.
+    if (rc < 0) return zqrtree::fail(env, rc, "rtr_node_discard");
+  }
+  rtr_node_hash_delete(rtr, node);
+  *out = node;
+  return RTR_OK;
+}
+
+}  // extern "C"
