@@ -1,0 +1,199 @@
+// Databases: one host environment and session per open database file (or
+// per connection the SQLite extension hands over), the engine settings, the
+// once-per-process callback installation, and the user-operation guard that
+// turns every change into one host transaction.
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "driver/index.h"
+#include "driver/internal.h"
+#include "host/host.h"
+#include "zqrtree/hook.h"
+
+namespace zq {
+
+void install_hooks() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    rtr_hook_init(zqhost_get_row_tag, zqhost_rec_is_visible, zqhost_rec_read_visible_version,
+                  zqhost_row_delete, zqhost_row_insert, zqhost_row_update_fixed,
+                  zqhost_row_update_unfixed, nullptr, nullptr, nullptr, zqhost_row_insert_failed,
+                  nullptr);
+  });
+}
+
+// ---- settings ----
+
+namespace {
+
+Status env_number(const char* var, uint64_t max, std::optional<uint64_t>* out) {
+  const char* text = std::getenv(var);
+  if (text == nullptr || *text == '\0') return Status::ok();
+  uint64_t v = 0;
+  const char* end = text + std::strlen(text);
+  auto [p, ec] = std::from_chars(text, end, v);
+  if (ec != std::errc() || p != end || v > max)
+    return Status::invalid(std::string("environment variable ") + var + "='" + text +
+                           "' is not a whole number of megabytes up to " + std::to_string(max));
+  *out = v;
+  return Status::ok();
+}
+
+}  // namespace
+
+Status Settings::from_environment(Settings* out) {
+  *out = Settings{};
+  std::optional<uint64_t> total, handle, sort;
+  for (auto [var, slot] :
+       {std::pair{"ZQRTREE_BUF_TOTAL_MB", &total}, std::pair{"ZQRTREE_BUF_HANDLE_MB", &handle},
+        std::pair{"ZQRTREE_SORT_MB", &sort}}) {
+    Status s = env_number(var, UINT32_MAX, slot);
+    if (!s) return s;
+  }
+  if (total) out->buf_total_mb = static_cast<uint32_t>(*total);
+  if (handle) out->buf_handle_mb = static_cast<uint32_t>(*handle);
+  if (sort) out->sort_mb = *sort;
+  return Status::ok();
+}
+
+void Settings::merge(const Settings& over) {
+  if (over.buf_total_mb) buf_total_mb = over.buf_total_mb;
+  if (over.buf_handle_mb) buf_handle_mb = over.buf_handle_mb;
+  if (over.sort_mb) sort_mb = over.sort_mb;
+}
+
+// ---- databases ----
+
+Status Database::open(const std::string& path, bool create, std::unique_ptr<Database>* out) {
+  struct stat st;
+  if (!create && ::stat(path.c_str(), &st) != 0)
+    return Status::not_found("database '" + path + "' does not exist");
+  install_hooks();
+  std::unique_ptr<Database> db(new Database());
+  db->path_ = path;
+  db->env_ = zqenv_create();
+  if (db->env_ == nullptr) return Status::engine(RTR_ERR_NO_ROOM, "no memory for an environment");
+  int32_t code = 0;
+  db->session_ = zqsess_open(db->env_, path.c_str(), &code);
+  if (db->session_ == nullptr) {
+    Status s = detail::engine_failure(*db, code, "opening database '" + path + "'");
+    return Status::io(s.message());
+  }
+  *out = std::move(db);
+  return Status::ok();
+}
+
+Status Database::wrap(sqlite3* sqlite, std::unique_ptr<Database>* out) {
+  install_hooks();
+  std::unique_ptr<Database> db(new Database());
+  const char* file = sqlite3_db_filename(sqlite, "main");
+  db->path_ = file != nullptr ? file : "";
+  db->env_ = zqenv_create();
+  if (db->env_ == nullptr) return Status::engine(RTR_ERR_NO_ROOM, "no memory for an environment");
+  db->session_ = zqsess_wrap(db->env_, sqlite);
+  if (db->session_ == nullptr) return Status::engine(RTR_ERR_NO_ROOM, "no memory for a session");
+  *out = std::move(db);
+  return Status::ok();
+}
+
+Database::~Database() {
+  if (session_ != nullptr) zqsess_close(session_);
+  if (env_ != nullptr) zqenv_destroy(env_);
+}
+
+sqlite3* Database::db() const {
+  return zqsess_db(session_);
+}
+
+void Database::apply(const Settings& settings) {
+  if (settings.buf_total_mb || settings.buf_handle_mb) {
+    // The host takes both at once; keep the current value of the one not set.
+    const uint32_t total = settings.buf_total_mb.value_or(zqsess_rtree_buf_total_mb(session_));
+    const uint32_t handle = settings.buf_handle_mb.value_or(zqsess_rtree_buf_handle_mb(session_));
+    zqsess_set_rtree_buf_mb(session_, total, handle);
+  }
+  if (settings.sort_mb) zqsess_set_sort_mem(session_, *settings.sort_mb * 1024 * 1024);
+}
+
+void Database::fail_alloc_nth(uint64_t nth) {
+  zqfault_fail_alloc_nth(env_, nth);
+}
+
+Status Database::list(std::vector<std::pair<std::string, int>>* out, const std::string& schema) {
+  out->clear();
+  if (!detail::table_exists(db(), schema, "zqrtree_catalog")) return Status::ok();
+  detail::Stmt st(db(), "SELECT name, dims FROM " + detail::qualified(schema, "zqrtree_catalog") +
+                            " ORDER BY name");
+  if (!st.ok()) return detail::sql_failure(db(), "reading the index catalog");
+  while (st.step() == SQLITE_ROW) {
+    const unsigned char* name = sqlite3_column_text(st.get(), 0);
+    out->emplace_back(name != nullptr ? reinterpret_cast<const char*>(name) : "",
+                      static_cast<int>(st.int64(1)));
+  }
+  return Status::ok();
+}
+
+Status Database::file_size(uint64_t* bytes) {
+  detail::Stmt count(db(), "PRAGMA main.page_count");
+  detail::Stmt size(db(), "PRAGMA main.page_size");
+  if (!count.ok() || !size.ok() || count.step() != SQLITE_ROW || size.step() != SQLITE_ROW)
+    return detail::sql_failure(db(), "reading the database size");
+  *bytes = static_cast<uint64_t>(count.int64(0)) * static_cast<uint64_t>(size.int64(0));
+  return Status::ok();
+}
+
+// ---- failures and user operations ----
+
+namespace detail {
+
+Status engine_failure(const Database& db, int32_t code, std::string_view what) {
+  std::vector<char> buf(4096);
+  const size_t need = zqenv_err_format(db.env(), buf.data(), buf.size());
+  if (need >= buf.size()) {
+    buf.resize(need + 1);
+    zqenv_err_format(db.env(), buf.data(), buf.size());
+  }
+  std::string trace(buf.data());
+  zqenv_err_clear(db.env());
+  std::string msg = std::string(what) + " failed (code " + std::to_string(code) + ")";
+  if (!trace.empty()) {
+    msg += "; error stack, innermost first:\n" + trace;
+    while (!msg.empty() && msg.back() == '\n') msg.pop_back();
+  }
+  return Status::engine(code, msg);
+}
+
+UserOp::UserOp(Database& db) : db_(db) {
+  zqenv_err_clear(db.env());
+  const int32_t rc = zqsess_begin(db.session());
+  if (rc < 0) {
+    begun_ = engine_failure(db, rc, "starting a transaction");
+    return;
+  }
+  open_ = true;
+}
+
+UserOp::~UserOp() {
+  // A rollback also drops the host's cached state, so no stale row counter
+  // or dictionary object outlives the failed operation.
+  if (open_) zqsess_rollback(db_.session());
+}
+
+Status UserOp::commit() {
+  const int32_t rc = zqsess_commit(db_.session());
+  if (rc < 0) return engine_failure(db_, rc, "committing the transaction");
+  open_ = false;
+  return Status::ok();
+}
+
+}  // namespace detail
+
+}  // namespace zq

@@ -1,0 +1,122 @@
+/* Pieces the driver's own files share and nobody else sees: SQL statements,
+ * the user-operation guard (one host transaction, rolled back unless
+ * committed), the library-handle guard, and the conversion of an engine
+ * failure into a Status carrying the error stack. */
+#ifndef ZQ_DRIVER_INTERNAL_H
+#define ZQ_DRIVER_INTERNAL_H
+
+#include <sqlite3.h>
+#include <stdint.h>
+
+#include <string>
+#include <string_view>
+
+#include "driver/index.h"
+#include "host/host.h"
+#include "zqrtree/errors.h"
+#include "zqrtree/mem.h"
+
+namespace zq::detail {
+
+// "name" with embedded quotes doubled, for identifiers in SQL text.
+std::string quote_ident(std::string_view ident);
+// schema.table, both quoted.
+std::string qualified(const std::string& schema, const std::string& table);
+
+// A prepared statement, finalized on every path.
+class Stmt {
+ public:
+  Stmt(sqlite3* db, const std::string& sql);
+  ~Stmt();
+  Stmt(const Stmt&) = delete;
+  Stmt& operator=(const Stmt&) = delete;
+
+  bool ok() const { return rc_ == SQLITE_OK; }
+  sqlite3_stmt* get() const { return st_; }
+  Stmt& bind(int i, int64_t v);
+  Stmt& bind(int i, double v);
+  Stmt& bind(int i, const std::string& v);
+  int step();  // SQLITE_ROW, SQLITE_DONE or an error code
+  void reset();
+  int64_t int64(int col) const { return sqlite3_column_int64(st_, col); }
+  double real(int col) const { return sqlite3_column_double(st_, col); }
+
+ private:
+  sqlite3_stmt* st_ = nullptr;
+  int rc_ = SQLITE_OK;
+};
+
+// A SQLite failure as a Status: "what: message".
+Status sql_failure(sqlite3* db, std::string_view what);
+// Runs SQL text with no result rows.
+Status exec(sqlite3* db, const std::string& sql, std::string_view what);
+bool table_exists(sqlite3* db, const std::string& schema, const std::string& table);
+
+// A negative engine code as a Status: "what failed (code C):" and the
+// error stack, innermost first. Clears the stack.
+Status engine_failure(const Database& db, int32_t code, std::string_view what);
+
+// One user operation: zqsess_begin now, zqsess_rollback in the destructor
+// unless commit() succeeded. The error stack starts empty so a failure's
+// trace holds this operation's pushes only.
+class UserOp {
+ public:
+  explicit UserOp(Database& db);
+  ~UserOp();
+  UserOp(const UserOp&) = delete;
+  UserOp& operator=(const UserOp&) = delete;
+
+  const Status& begun() const { return begun_; }
+  Status commit();
+
+ private:
+  Database& db_;
+  Status begun_;
+  bool open_ = false;
+};
+
+// A library handle for one operation: destroyed on every path. Destroying
+// writes nothing, so a handle dropped without flush() discards its changes.
+class Handle {
+ public:
+  enum class Mode { kRead, kWrite, kBuild };
+  Handle(const Index& index, Mode mode);
+  ~Handle();
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+
+  const Status& created() const { return created_; }
+  rtr_mem* get() const { return rtr_; }
+  // rtr_flush_all, once: a handle is not reused after its flush.
+  Status flush();
+  // Hands the handle to a caller that destroys it itself (a Scan).
+  rtr_mem* release() {
+    rtr_mem* r = rtr_;
+    rtr_ = nullptr;
+    return r;
+  }
+
+ private:
+  const Index& index_;
+  rtr_mem* rtr_ = nullptr;
+  Status created_;
+};
+
+// The stored box of a rowid from the base table; found=false when absent.
+Status read_base_box(const Index& index, int64_t id, Box* box, bool* found);
+// INSERT of one base-table row; a taken rowid is kInvalid with `where`.
+Status insert_base_row(const Index& index, Stmt& insert, const Entry& entry,
+                       std::string_view where);
+std::string insert_base_sql(const Index& index);
+std::string describe_box(const Box& box, int dims);  // "[1, 2] x [0, 5]"
+
+// Builds the tree from nothing: the node table is emptied, then packed
+// bottom-up from `feed` (which puts entries with `put`), inside the
+// caller's user operation.
+Status rebuild_tree(
+    const Index& index, double fill, const Progress& progress,
+    const std::function<Status(const std::function<Status(const Entry&)>& put)>& feed);
+
+}  // namespace zq::detail
+
+#endif
