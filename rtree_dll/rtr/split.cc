@@ -1,0 +1,272 @@
+// Node split: dividing a full node's 51 entries and the one that did not fit
+// between two nodes by the R* choice of axis and position, then telling the
+// parent and the moved children.
+//
+// Call order: rtr_insert_cell -> rtr_split_node -> rtr_split_node_star_tree
+// (-> rtr_sort_by_dimension per axis) -> the parent's entries are updated
+// (rtr_adjust_tree, rtr_insert_cell, which may split the parent in turn) ->
+// rtr_update_parent for every child that changed node. A root split keeps id
+// 1 for the root and makes the tree one level taller.
+#include <algorithm>
+#include <cstring>
+
+#include "rtr/frame.h"
+#include "rtr/tree_internal.h"
+#include "zqrtree/tree.h"
+
+namespace {
+
+using zqrtree::axis_max;
+using zqrtree::axis_min;
+using zqrtree::fail;
+
+constexpr uint32_t kMinGroup = 2;  // each side of a split keeps at least this many entries
+
+// The state of one rtr_split_node call.
+struct Split {
+  zq_env* env;
+  rtr_mem* rtr;
+  rtr_node* node;                     // the full node (pinned by the caller)
+  const rtr_cell* cell;               // the entry that did not fit
+  uint32_t level;                     // the node's level
+  bool is_root;                       // node is node 1
+  uint32_t n;                         // entries to divide
+  rtr_cell cells[RTR_MAX_CELLS + 1];  // node's entries, then `cell`
+  rtr_node* left = nullptr;           // node itself (extra pin) or, at the root, a new node
+  rtr_node* right = nullptr;          // always a new node
+  rtr_cell left_cell{};               // entry for the left node in its parent
+  rtr_cell right_cell{};              // entry for the right node in its parent
+};
+
+void collect_entries(Split& s) {
+  s.n = s.node->n_cells + 1;
+  std::memcpy(s.cells, s.node->cells, sizeof(rtr_cell) * s.node->n_cells);
+  s.cells[s.n - 1] = *s.cell;
+  rtr_node_zero(s.env, s.rtr, s.node);
+}
+
+int32_t make_targets(Split& s) {
+  if (!s.is_root) {
+    s.left = s.node;
+    rtr_node_reference(s.left);
+    return rtr_node_new(s.env, s.rtr, s.node->parent_id, s.node->level, &s.right);
+  }
+  int32_t rc = rtr_node_new(s.env, s.rtr, RTR_ROOT_ID, s.node->level, &s.left);
+  if (rc < 0) return rc;
+  rc = rtr_node_new(s.env, s.rtr, RTR_ROOT_ID, s.node->level, &s.right);
+  if (rc < 0) return rc;
+  s.rtr->root_level += 1;
+  s.node->level = s.rtr->root_level;
+  rtr_node_set_modify(s.env, s.rtr, s.node);
+  return 0;
+}
+
+// The left entry replaces the node's entry in its parent (its box may
+// shrink); at the root it becomes the root's first entry.
+int32_t place_left(Split& s) {
+  if (s.is_root) return rtr_insert_cell(s.env, s.rtr, s.node, &s.left_cell, s.level + 1);
+  rtr_node* parent = nullptr;
+  int32_t rc = rtr_node_acquire(s.env, s.rtr, s.node->parent_id, &parent);
+  if (rc < 0) return rc;
+  uint32_t slot = zqrtree::kNoIndex;
+  rtr_node_parent_index(s.rtr, parent, s.node, &slot);
+  if (slot >= parent->n_cells) {
+    rc = RTR_ERR_NOT_FOUND;  // parent ids are corrupt; never write outside the cells
+  } else {
+    rtr_node_overwrite_cell(s.env, s.rtr, parent, &s.left_cell, slot);
+    rc = rtr_adjust_tree(s.env, s.rtr, parent, &s.left_cell);
+  }
+  rtr_node_release(parent);
+  return rc;
+}
+
+// May overflow the parent and reinsert or split one level up.
+int32_t place_right(Split& s) {
+  int64_t parent_id = s.is_root ? RTR_ROOT_ID : s.node->parent_id;
+  rtr_node* parent = nullptr;
+  int32_t rc = rtr_node_acquire(s.env, s.rtr, parent_id, &parent);
+  if (rc < 0) return rc;
+  rc = rtr_insert_cell(s.env, s.rtr, parent, &s.right_cell, s.level + 1);
+  rtr_node_release(parent);
+  return rc;
+}
+
+int32_t reparent_all(Split& s, rtr_node* target, bool* saw_cell) {
+  for (uint32_t i = 0; i < target->n_cells; ++i) {
+    if (target->cells[i].id == s.cell->id) *saw_cell = true;
+    int32_t rc = rtr_update_parent(s.env, s.rtr, target->cells[i].id, target, s.level);
+    if (rc < 0) return rc;
+  }
+  return 0;
+}
+
+int32_t reparent_children(Split& s) {
+  if (s.level == 0) return 0;
+  bool cell_in_right = false;
+  int32_t rc = reparent_all(s, s.right, &cell_in_right);
+  if (rc < 0) return rc;
+  if (!s.is_root && !cell_in_right) {
+    rc = rtr_update_parent(s.env, s.rtr, s.cell->id, s.left, s.level);
+    if (rc < 0) return rc;
+  }
+  bool unused = false;
+  return s.is_root ? reparent_all(s, s.left, &unused) : 0;
+}
+
+int32_t finish(Split& s, int32_t rc) {
+  rtr_node_release(s.right);
+  rtr_node_release(s.left);
+  if (rc < 0) return fail(s.env, rc, "rtr_split_node");
+  return rc;
+}
+
+// ---- the choice of axis and position ----
+
+// The state of one rtr_split_node_star_tree call.
+struct Choice {
+  rtr_mem* rtr;
+  const rtr_cell* cells;
+  uint32_t n;
+  uint32_t axes;           // axes with an order of their own
+  uint32_t** order;        // per axis: entry indices sorted on that axis
+  uint32_t* merge;         // one merge buffer for every sort
+  uint32_t best_axis = 0;  // the chosen axis
+  uint32_t best_j[3] = {kMinGroup, kMinGroup, kMinGroup};  // per axis: its best position
+};
+
+// Carves the one scratch block of (n_dims + 1) * (n + 2) words: the table of
+// per-axis orders (two words per pointer), the orders, the merge buffer.
+bool carve_block(Choice& c, const zqrtree::ScratchHeap& heap) {
+  size_t words = (static_cast<size_t>(c.rtr->n_dims) + 1) * (c.n + 2);
+  words = std::max(words, (static_cast<size_t>(c.axes) + 1) * (c.n + 2));  // count 0 still sorts
+  auto* block = static_cast<uint32_t*>(heap.alloc(words * sizeof(uint32_t), __FILE__, __LINE__));
+  if (block == nullptr) return false;
+  c.order = reinterpret_cast<uint32_t**>(block);
+  uint32_t* arrays = block + 2 * c.axes;
+  for (uint32_t k = 0; k < c.axes; ++k) c.order[k] = arrays + k * c.n;
+  c.merge = arrays + c.axes * c.n;
+  return true;
+}
+
+void sort_axes(Choice& c) {
+  for (uint32_t k = 0; k < c.axes; ++k) {
+    for (uint32_t i = 0; i < c.n; ++i) c.order[k][i] = i;
+    rtr_sort_by_dimension(c.rtr, c.order[k], c.n, k, c.cells, c.merge);
+  }
+}
+
+// Scores every position of axis k, records its best one and returns the
+// axis's margin sum. Lower and upper group boxes are built in the same
+// scratch box, so both measure as the upper group's box: intended.
+double score_axis(Choice& c, uint32_t k) {
+  const uint32_t* idx = c.order[k];
+  double margin_sum = 0.0;
+  double best_overlap = 0.0;
+  double best_area = 0.0;
+  for (uint32_t j = kMinGroup; j + kMinGroup <= c.n; ++j) {
+    rtr_rect box = c.cells[idx[0]].rect;  // the lower box starts here...
+    for (uint32_t i = 1; i + 1 < c.n; ++i) {
+      if (i == j) box = c.cells[idx[c.n - 1]].rect;  // ...and the upper box here
+      rtr_union_rect(c.rtr->n_dims, &box, &c.cells[idx[i]].rect, &box);
+    }
+    const rtr_rect& lower = box;
+    const rtr_rect& upper = box;
+    margin_sum += rtr_get_rect_margin(c.rtr, &lower) + rtr_get_rect_margin(c.rtr, &upper);
+    double overlap = rtr_get_cell_overlap(c.rtr, &lower, &upper);
+    double area = rtr_get_rec_area(c.rtr, &lower) + rtr_get_rec_area(c.rtr, &upper);
+    if (j == kMinGroup || overlap < best_overlap || (overlap == best_overlap && area < best_area)) {
+      c.best_j[k] = j;
+      best_overlap = overlap;
+      best_area = area;
+    }
+  }
+  return margin_sum;
+}
+
+void choose_axis(Choice& c) {
+  double best_margin = 0.0;
+  for (uint32_t k = 0; k < c.axes; ++k) {
+    double margin = score_axis(c, k);
+    if (k == 0 || margin < best_margin) {
+      c.best_axis = k;
+      best_margin = margin;
+    }
+  }
+}
+
+int32_t distribute(Choice& c, zq_env* env, rtr_node* left, rtr_node* right, rtr_cell* left_cell,
+                   rtr_cell* right_cell) {
+  const uint32_t* idx = c.order[c.best_axis];
+  uint32_t j = c.best_j[c.best_axis];
+  *left_cell = c.cells[idx[0]];
+  *right_cell = c.cells[idx[j]];
+  for (uint32_t p = 0; p < c.n; ++p) {
+    const rtr_cell& e = c.cells[idx[p]];
+    rtr_node* side = p < j ? left : right;
+    rtr_cell* out = p < j ? left_cell : right_cell;
+    int32_t rc = rtr_node_insert_cell(env, c.rtr, side, &e);
+    if (rc < 0) return rc;
+    rtr_union_rect_ex(c.rtr->n_dims, &out->rect, &e.rect);
+  }
+  return 0;
+}
+
+}  // namespace
+
+extern "C" int32_t rtr_split_node(zq_env* env, rtr_mem* rtr, rtr_node* node, const rtr_cell* cell,
+                                  uint32_t level) {
+  Split s{env, rtr, node, cell, level, node->id == RTR_ROOT_ID, 0, {}};
+  collect_entries(s);
+  int32_t rc = make_targets(s);
+  // The node stays emptied and no pin is dropped: intended, nothing is undone.
+  if (rc < 0) return fail(env, rc, "rtr_split_node");
+  rc = rtr_split_node_star_tree(env, rtr, s.cells, s.n, s.left, s.right, &s.left_cell,
+                                &s.right_cell);
+  if (rc < 0) return finish(s, rc);
+  s.left_cell.id = s.left->id;
+  s.right_cell.id = s.right->id;
+  rc = place_left(s);
+  if (rc < 0) return finish(s, rc);
+  int32_t placed = place_right(s);
+  if (placed < 0) return finish(s, placed);
+  rc = reparent_children(s);
+  return finish(s, rc < 0 ? rc : placed);
+}
+
+extern "C" int32_t rtr_split_node_star_tree(zq_env* env, rtr_mem* rtr, const rtr_cell* cells,
+                                            uint32_t n, rtr_node* left, rtr_node* right,
+                                            rtr_cell* left_cell, rtr_cell* right_cell) {
+  zqrtree::ScratchHeap heap(env, __FILE__, __LINE__);
+  Choice c{rtr, cells, n, std::max(zqrtree::used_axes(rtr), 1u), nullptr, nullptr};
+  if (!carve_block(c, heap)) {
+    heap.release();  // a failed allocation leaves the heap alive: intended
+    return fail(env, RTR_ERR_NO_ROOM, "rtr_split_node_star_tree");
+  }
+  sort_axes(c);
+  choose_axis(c);
+  int32_t rc = distribute(c, env, left, right, left_cell, right_cell);
+  if (rc < 0) return fail(env, rc, "rtr_split_node_star_tree");
+  return 0;
+}
+
+extern "C" void rtr_sort_by_dimension(const rtr_mem* rtr, uint32_t* idx, uint32_t n, uint32_t axis,
+                                      const rtr_cell* cells, uint32_t* tmp) {
+  if (n < 2) return;
+  uint32_t half = n / 2;
+  rtr_sort_by_dimension(rtr, idx, half, axis, cells, tmp);
+  rtr_sort_by_dimension(rtr, idx + half, n - half, axis, cells, tmp);
+  std::memcpy(tmp, idx, sizeof(uint32_t) * half);
+  uint32_t l = 0, r = half, out = 0;
+  while (l < half) {
+    // Of two entries equal in min and max the right one goes first: this
+    // merge is deliberately not stable.
+    bool take_left = r == n;
+    if (!take_left) {
+      const rtr_rect& a = cells[tmp[l]].rect;
+      const rtr_rect& b = cells[idx[r]].rect;
+      double amin = axis_min(a, axis), bmin = axis_min(b, axis);
+      take_left = bmin > amin || (bmin == amin && axis_max(b, axis) > axis_max(a, axis));
+    }
+    idx[out++] = take_left ? tmp[l++] : idx[r++];
+  }
+}
