@@ -24,7 +24,7 @@ namespace {
 constexpr uint32_t kNoIndex = 0xFFFFFFFFu;
 
 rtr_node* pool_buffer(zq_env* env, rtr_mem* rtr) {
-  // Not tested: intended, the pool does not fail a node-sized request.
+  // No null test: intended.
   return static_cast<rtr_node*>(
       rtr->pool->alloc(env, rtr->pool->heap, RTR_NODE_BUF_SIZE, __FILE__, __LINE__));
 }
