@@ -1,0 +1,159 @@
+// The shared part of every runner: argument parsing, the timed query loop,
+// and the output lines the comparison driver parses (see runner.h).
+#include "bench/common/runner.h"
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace zqbench {
+
+double Options::number(const std::string& key, double fallback) const {
+  auto it = extra.find(key);
+  if (it == extra.end()) return fallback;
+  char* end = nullptr;
+  double v = std::strtod(it->second.c_str(), &end);
+  if (end == it->second.c_str() || *end != '\0') {
+    std::fprintf(stderr, "--%s %s: not a number\n", key.c_str(), it->second.c_str());
+    std::exit(2);
+  }
+  return v;
+}
+
+void Report::row(const std::string& label) {
+  std::printf("row %s\n", label.c_str());
+  std::fflush(stdout);
+}
+
+void Report::value(const std::string& key, double v) {
+  std::printf("%s %.9g\n", key.c_str(), v);
+  std::fflush(stdout);
+}
+
+void Report::hits(const std::string& key, const Hits& h) {
+  std::printf("%s %" PRIu64 " %016" PRIx64 "\n", key.c_str(), h.count, h.digest);
+  std::fflush(stdout);
+}
+
+void Report::note(const std::string& text) {
+  std::printf("note %s\n", text.c_str());
+  std::fflush(stdout);
+}
+
+void Report::version(const std::string& text) {
+  std::printf("version %s\n", text.c_str());
+  std::fflush(stdout);
+}
+
+std::string run_query_sets(const Workload& w, Report& report, const QueryFn& query) {
+  for (size_t s = 0; s < w.sets.size(); ++s) {
+    const QuerySet& set = w.sets[s];
+    Hits hits;
+    Stopwatch clock;
+    for (const Box& q : set.boxes) {
+      std::string err = query(q, &hits);
+      if (!err.empty()) return err;
+    }
+    const double secs = clock.seconds();
+    const std::string suffix = "." + std::to_string(s);
+    report.value("q_per_s" + suffix, secs > 0 ? set.boxes.size() / secs : 0);
+    report.hits("hits" + suffix, hits);
+  }
+  return "";
+}
+
+std::string run_verify_set(const Workload& w, Report& report, const QueryFn& query) {
+  if (w.sets.empty()) return "";
+  Hits hits;
+  for (const Box& q : w.sets[w.verify_set].boxes) {
+    std::string err = query(q, &hits);
+    if (!err.empty()) return err;
+  }
+  report.hits("hits_del", hits);
+  return "";
+}
+
+long peak_rss_kb() {
+  struct rusage ru;
+  getrusage(RUSAGE_SELF, &ru);
+  return ru.ru_maxrss;
+}
+
+uint64_t file_bytes(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return 0;
+  return static_cast<uint64_t>(st.st_size);
+}
+
+std::string scratch_path(const Options& opt, const std::string& stem) {
+  std::string path = opt.dir + "/" + stem;
+  for (const char* suffix : {"", "-journal", "-wal", "-shm"}) unlink((path + suffix).c_str());
+  return path;
+}
+
+namespace {
+
+void usage(const char* prog, const std::vector<Variant>& variants) {
+  std::fprintf(stderr,
+               "usage: %s --workload FILE --variant NAME [--dir DIR] [--key value ...]\n"
+               "       %s --list\nvariants:\n",
+               prog, prog);
+  for (const Variant& v : variants)
+    std::fprintf(stderr, "  %-12s %s\n", v.name.c_str(), v.label.c_str());
+}
+
+}  // namespace
+
+int runner_main(int argc, char** argv, const std::vector<Variant>& variants) {
+  Options opt;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--list") {
+      for (const Variant& v : variants) std::printf("%s\t%s\n", v.name.c_str(), v.label.c_str());
+      return 0;
+    }
+    if (arg.rfind("--", 0) != 0 || i + 1 >= argc) {
+      usage(argv[0], variants);
+      return 2;
+    }
+    std::string value = argv[++i];
+    if (arg == "--workload")
+      opt.workload = value;
+    else if (arg == "--variant")
+      opt.variant = value;
+    else if (arg == "--dir")
+      opt.dir = value;
+    else
+      opt.extra[arg.substr(2)] = value;
+  }
+  const Variant* chosen = nullptr;
+  for (const Variant& v : variants)
+    if (v.name == opt.variant) chosen = &v;
+  if (opt.workload.empty() || chosen == nullptr) {
+    usage(argv[0], variants);
+    return 2;
+  }
+
+  Workload w;
+  std::string err = read_workload(opt.workload, &w);
+  if (!err.empty()) {
+    std::fprintf(stderr, "%s\n", err.c_str());
+    return 1;
+  }
+  Report report;
+  report.row(chosen->label);
+  report.value("base_rss_kb", static_cast<double>(peak_rss_kb()));
+  err = chosen->run(w, opt, report);
+  if (!err.empty()) {
+    std::fprintf(stderr, "%s (%s): %s\n", argv[0], chosen->name.c_str(), err.c_str());
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace zqbench

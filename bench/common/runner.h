@@ -1,0 +1,86 @@
+// What every benchmark runner shares: its command line, the timed phases
+// that are the same for every system, and the line protocol the comparison
+// driver reads from its standard output.
+//
+// A runner is started as
+//   bench_run_<system> --workload FILE --variant NAME [--dir DIR] [--key value ...]
+// (or with --list to print its variants), reads the workload before any
+// clock starts, and prints one block per result row:
+//   row <label>
+//   <key> <value> [<value>]
+// Keys: build_bulk_s, build_incr_s, insert_per_s, q_per_s.<set>,
+// hits.<set> <count> <digest>, nodes_per_q.<set>, delete_per_s,
+// hits_del <count> <digest>, size_bytes, base_rss_kb, note <text>,
+// version <text>.
+// Anything on standard error is for people. A failure exits non-zero.
+#ifndef ZQ_BENCH_COMMON_RUNNER_H
+#define ZQ_BENCH_COMMON_RUNNER_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "bench/common/workload.h"
+
+namespace zqbench {
+
+class Options {
+ public:
+  std::string workload;
+  std::string variant;
+  std::string dir = "/tmp";  // where database and index files go
+  std::map<std::string, std::string> extra;
+
+  double number(const std::string& key, double fallback) const;
+};
+
+class Report {
+ public:
+  void row(const std::string& label);
+  void value(const std::string& key, double v);
+  void hits(const std::string& key, const Hits& h);
+  void note(const std::string& text);
+  void version(const std::string& text);  // "SQLite 3.40.1": what was measured
+};
+
+class Stopwatch {
+ public:
+  Stopwatch() : t0_(std::chrono::steady_clock::now()) {}
+  double seconds() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0_).count();
+  }
+
+ private:
+  std::chrono::steady_clock::time_point t0_;
+};
+
+// One window query: adds every hit's id to `hits`; returns "" or why it failed.
+using QueryFn = std::function<std::string(const Box& q, Hits* hits)>;
+
+// Times every query set and reports q_per_s.<set> and hits.<set>.
+std::string run_query_sets(const Workload& w, Report& report, const QueryFn& query);
+// Runs the workload's verify set once, untimed, and reports hits_del.
+std::string run_verify_set(const Workload& w, Report& report, const QueryFn& query);
+
+// Peak resident set of this process so far, in kilobytes.
+long peak_rss_kb();
+// Size of a file in bytes, 0 when it does not exist.
+uint64_t file_bytes(const std::string& path);
+// A fresh path under the runner's directory (any old file of that name is
+// removed, with the SQLite journal files beside it).
+std::string scratch_path(const Options& opt, const std::string& stem);
+
+struct Variant {
+  std::string name;   // as given to --variant
+  std::string label;  // the table's row label
+  std::function<std::string(const Workload&, const Options&, Report&)> run;
+};
+
+int runner_main(int argc, char** argv, const std::vector<Variant>& variants);
+
+}  // namespace zqbench
+
+#endif
