@@ -59,7 +59,9 @@ class HostTest : public ::testing::Test {
     int32_t code = 0;
     sess_ = zqsess_open(env_, path, &code);
     ASSERT_NE(sess_, nullptr) << "code " << code;
-    if (create_table) ASSERT_EQ(zqsess_create_node_table(sess_, "main", "t"), 0);
+    if (create_table) {
+      ASSERT_EQ(zqsess_create_node_table(sess_, "main", "t"), 0);
+    }
     scope_ = zqsess_scope(sess_, "main");
   }
 
