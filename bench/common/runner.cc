@@ -25,28 +25,42 @@ double Options::number(const std::string& key, double fallback) const {
   return v;
 }
 
-void Report::row(const std::string& label) {
-  std::printf("row %s\n", label.c_str());
-  std::fflush(stdout);
+size_t Report::row(const std::string& label) {
+  rows_.emplace_back(label, std::vector<std::string>());
+  cur_ = rows_.size() - 1;
+  return cur_;
+}
+
+void Report::line(const std::string& text) {
+  if (rows_.empty()) row("?");
+  rows_[cur_].second.push_back(text);
 }
 
 void Report::value(const std::string& key, double v) {
-  std::printf("%s %.9g\n", key.c_str(), v);
-  std::fflush(stdout);
+  char buf[64];
+  std::snprintf(buf, sizeof buf, " %.9g", v);
+  line(key + buf);
 }
 
 void Report::hits(const std::string& key, const Hits& h) {
-  std::printf("%s %" PRIu64 " %016" PRIx64 "\n", key.c_str(), h.count, h.digest);
-  std::fflush(stdout);
+  char buf[64];
+  std::snprintf(buf, sizeof buf, " %" PRIu64 " %016" PRIx64, h.count, h.digest);
+  line(key + buf);
 }
 
 void Report::note(const std::string& text) {
-  std::printf("note %s\n", text.c_str());
-  std::fflush(stdout);
+  line("note " + text);
 }
 
 void Report::version(const std::string& text) {
-  std::printf("version %s\n", text.c_str());
+  line("version " + text);
+}
+
+void Report::print() const {
+  for (const auto& [label, lines] : rows_) {
+    std::printf("row %s\n", label.c_str());
+    for (const std::string& l : lines) std::printf("%s\n", l.c_str());
+  }
   std::fflush(stdout);
 }
 
@@ -149,6 +163,7 @@ int runner_main(int argc, char** argv, const std::vector<Variant>& variants) {
   report.row(chosen->label);
   report.value("base_rss_kb", static_cast<double>(peak_rss_kb()));
   err = chosen->run(w, opt, report);
+  report.print();
   if (!err.empty()) {
     std::fprintf(stderr, "%s (%s): %s\n", argv[0], chosen->name.c_str(), err.c_str());
     return 1;

@@ -37,13 +37,23 @@ class Options {
   double number(const std::string& key, double fallback) const;
 };
 
+// Collects the rows and prints them when the runner ends, so a runner can
+// measure for one row while another is still open (ours times the
+// handle-per-query searches before its deletes change the tree).
 class Report {
  public:
-  void row(const std::string& label);
+  size_t row(const std::string& label);  // adds a row and makes it current
+  void use(size_t row) { cur_ = row; }
   void value(const std::string& key, double v);
   void hits(const std::string& key, const Hits& h);
   void note(const std::string& text);
   void version(const std::string& text);  // "SQLite 3.40.1": what was measured
+  void print() const;
+
+ private:
+  void line(const std::string& text);
+  std::vector<std::pair<std::string, std::vector<std::string>>> rows_;
+  size_t cur_ = 0;
 };
 
 class Stopwatch {
