@@ -534,11 +534,9 @@ int32_t merge_group(zq_env* env, zq_nsort* s, uint64_t count, uint64_t* off, int
   Merge m;
   int32_t rc = merge_open(env, s, count, off, &m);
   RowWriter w(out);
-  if (rc == 0) {
-    uint64_t total = 0;
-    for (uint64_t i = 0; i < count; ++i) total += m.readers[i].n + m.readers[i].left;
-    w.add(&total, sizeof total);
-  }
+  uint64_t total = 0;  // written by reference: must live until the last flush
+  for (uint64_t i = 0; rc == 0 && i < count; ++i) total += m.readers[i].n + m.readers[i].left;
+  if (rc == 0) w.add(&total, sizeof total);
   while (rc == 0 && w.ok() && m.heap_n > 0) {
     w.add(merge_head(s, m), s->width);
     rc = merge_pop(s, &m, &w);
