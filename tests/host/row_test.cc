@@ -1,0 +1,320 @@
+// Node-table rows through the host: insertion, reading back through both
+// cursors and as rows, updates, deletes, refused inserts and the rowid
+// counter.
+#include <climits>
+#include <cstring>
+
+#include "host/internal.h"
+#include "tests/host/host_fixture.h"
+
+namespace {
+
+using zqhosttest::field_bytes;
+using zqhosttest::HostFixture;
+using zqhosttest::pattern;
+using zqhosttest::Scratch;
+using zqhosttest::SqlRow;
+
+class RowTest : public HostFixture {
+ protected:
+  // A read ptx with an nbtr search for `rowid`; the record or null.
+  const zq_nrec* search(zq_ptx* ptx, nbtr_cur* cur, zq_memobj* mem, int64_t rowid) {
+    zq_key* key = tuple4_key_create(env_, mem, desc_, rowid, __FILE__, __LINE__);
+    nbtr_cur_init(cur, btr_);
+    EXPECT_EQ(nbtr_cur_search(ptx, cur, 4, 4, key, 0, mem), 0);
+    return cur->rec;
+  }
+
+  // Slot 5 or 6 on row `rowid`, in its own write ptx.
+  int32_t update(int64_t rowid, const std::vector<uint16_t>& cols, int32_t level, int64_t parent,
+                 const std::vector<uint8_t>& cells, bool fixed) {
+    Scratch mem(env_);
+    zq_key* key = tuple4_key_create(env_, mem.get(), desc_, rowid, __FILE__, __LINE__);
+    zq_row* row = make_row(mem.get(), rowid, level, parent, cells);
+    auto n = static_cast<uint16_t>(cols.size());
+    zq_fillinfo* news = tuple4_fillinfo_space_create_low(env_, mem.get(), desc_, cols.data(), n, 0);
+    zq_fillinfo* olds = tuple4_fillinfo_space_create_low(env_, mem.get(), desc_, cols.data(), n, 0);
+    for (uint16_t i = 0; i < n; ++i) news->values[i] = row->cols[cols[i]];
+    zq_ptx ptx;
+    EXPECT_EQ(ptx3_begin_low_ex(env_, &ptx, 1, 0, __FILE__, __LINE__), 0);
+    uint64_t dver = 0;
+    ndct_table_get_dver(env_, table_, &dver);
+    int32_t rc = fixed ? zqhost_row_update_fixed(&ptx, sess_, table_, index_, desc_, key, news,
+                                                 olds, 0, dver, nullptr)
+                       : zqhost_row_update_unfixed(&ptx, sess_, table_, index_, desc_, key, row,
+                                                   olds, 0, dver, nullptr);
+    ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
+    return rc;
+  }
+
+  int32_t remove(int64_t rowid) {
+    Scratch mem(env_);
+    zq_ptx ptx;
+    EXPECT_EQ(ptx3_begin_low_ex(env_, &ptx, 1, 0, __FILE__, __LINE__), 0);
+    nbtr_cur cur;
+    const zq_nrec* rec = search(&ptx, &cur, mem.get(), rowid);
+    zq_key* key = tuple4_key_create(env_, mem.get(), desc_, rowid, __FILE__, __LINE__);
+    int32_t rc = zqhost_row_delete(&ptx, sess_, table_, index_, desc_, key, 0, 0, rec);
+    ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
+    return rc;
+  }
+};
+
+TEST_F(RowTest, NodeTableDescriptorHasFiveColumns) {
+  EXPECT_EQ(desc_->n_cols, 5);
+  EXPECT_EQ(desc_->n_key_vals, 1);
+}
+
+// Blobs inside the value slot (<= 48 bytes), just past it, and at the cap.
+class RoundTrip : public RowTest, public ::testing::WithParamInterface<size_t> {};
+
+TEST_P(RoundTrip, RowReadsBackThroughEveryPath) {
+  const size_t n = GetParam();
+  const auto cells = pattern(n, 3);
+  ASSERT_EQ(insert(7, 2, -44, cells), 0);
+  EXPECT_EQ(rows(), (std::vector<SqlRow>{{7, 2, -44, cells, 0}}));
+
+  Scratch mem(env_);
+  zq_ptx ptx;
+  ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
+  nbtr_cur cur;
+  const zq_nrec* rec = search(&ptx, &cur, mem.get(), 7);
+  ASSERT_NE(rec, nullptr);
+  EXPECT_EQ(rec[0] & ZQ_NREC_DELETED_BIT, 0);
+  EXPECT_EQ(nrec_get_rowid(desc_, rec), 7);
+  int32_t level = 0;
+  int64_t parent = 0;
+  nrec_copy_nth_field_data_lint(env_, desc_, rec, &level, 0, nullptr);
+  nrec_copy_nth_field_data_lint64(env_, desc_, rec, &parent, 1, nullptr);
+  EXPECT_EQ(level, 2);
+  EXPECT_EQ(parent, -44);
+  EXPECT_EQ(field_bytes(env_, desc_, rec, 2), cells);
+
+  int32_t code = 1;
+  zq_row* row = tuple4_from_nrec(env_, mem.get(), rec, desc_, &code);
+  ASSERT_NE(row, nullptr);
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(row->cols[0].u.i32, 2);
+  EXPECT_EQ(row->cols[1].u.i64, -44);
+  const zq_value& blob = row->cols[2];
+  ASSERT_EQ(blob.len, n);
+  const uint8_t* bytes = n <= ZQ_VALUE_INLINE_MAX ? blob.u.inl : blob.ptr;
+  EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + n), cells);
+  EXPECT_EQ(row->cols[4].notnull, 1);
+  EXPECT_EQ(row->cols[4].part_a, 0);
+  EXPECT_EQ(row->cols[4].u.i64, 7);
+
+  pbcur pc;
+  pbcur_init_low(&pc, &ptx, btr_, __FILE__, __LINE__);
+  zq_key* key = tuple4_key_create(env_, mem.get(), desc_, 7, __FILE__, __LINE__);
+  ASSERT_EQ(pbcur_open(&pc, key, 1, 4, mem.get()), 0);
+  EXPECT_EQ(pc.found, 1u);
+  ASSERT_NE(pc.rec, nullptr);
+  EXPECT_EQ(field_bytes(env_, desc_, pc.rec, 2), cells);
+  pbcur_close(&pc);
+  EXPECT_EQ(ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(BlobSizes, RoundTrip, ::testing::Values(0, 4, 48, 49, 124, 32767));
+
+TEST_F(RowTest, ReadVisibleVersionCopiesStoredValues) {
+  for (size_t n : {size_t{40}, size_t{400}}) {
+    const auto cells = pattern(n, 9);
+    ASSERT_EQ(insert(static_cast<int64_t>(n), 1, 5, cells), 0);
+    Scratch mem(env_);
+    zq_ptx ptx;
+    ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
+    nbtr_cur cur;
+    const zq_nrec* rec = search(&ptx, &cur, mem.get(), static_cast<int64_t>(n));
+    ASSERT_NE(rec, nullptr);
+    const uint16_t cols[] = {0, 1, 2};
+    zq_fillinfo* fill = tuple4_fillinfo_space_create_low(env_, mem.get(), desc_, cols, 3, 0);
+    int32_t code = 1;
+    EXPECT_EQ(zqhost_rec_read_visible_version(env_, mem.get(), sess_, desc_, rec, rec, fill, &code),
+              1);
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(tuple4_fillinfo_get_nth_fld(fill, 0)->u.i32, 1);
+    EXPECT_EQ(tuple4_fillinfo_get_nth_fld(fill, 1)->u.i64, 5);
+    const zq_value* blob = tuple4_fillinfo_get_nth_fld(fill, 2);
+    ASSERT_EQ(blob->len, n);
+    const uint8_t* bytes = n <= ZQ_VALUE_INLINE_MAX ? blob->u.inl : blob->ptr;
+    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + n), cells);
+    ASSERT_NE(fill->lens, nullptr);
+    EXPECT_EQ(fill->lens[2], n);
+    EXPECT_EQ(tuple4_fillinfo_get_nth_fld(fill, 3), nullptr);
+    ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
+  }
+}
+
+TEST_F(RowTest, MissingRowsAndBoundaries) {
+  ASSERT_EQ(insert(3, 0, 1, pattern(8, 1)), 0);
+  ASSERT_EQ(insert(9, 0, 1, pattern(8, 2)), 0);
+  Scratch mem(env_);
+  zq_ptx ptx;
+  ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
+  nbtr_cur cur;
+  EXPECT_EQ(search(&ptx, &cur, mem.get(), 5), nullptr);
+  EXPECT_NE(search(&ptx, &cur, mem.get(), 9), nullptr);
+
+  struct Case {
+    int64_t key;
+    uint32_t found;
+    int64_t at;  // rowid the cursor stands on; 0 for the maximum boundary
+  };
+  for (const Case c : {Case{3, 1, 3}, Case{5, 0, 9}, Case{1, 0, 3}, Case{10, 0, 0}}) {
+    SCOPED_TRACE(c.key);
+    pbcur pc;
+    pbcur_init_low(&pc, &ptx, btr_, __FILE__, __LINE__);
+    zq_key* key = tuple4_key_create(env_, mem.get(), desc_, c.key, __FILE__, __LINE__);
+    ASSERT_EQ(pbcur_open(&pc, key, 1, 4, mem.get()), 0);
+    EXPECT_EQ(pc.found, c.found);
+    ASSERT_NE(pc.rec, nullptr);
+    EXPECT_FALSE(nrec_is_min_rec(pc.rec));
+    if (c.at == 0) {
+      EXPECT_TRUE(nrec_is_max_rec(pc.rec));
+      EXPECT_EQ(pbcur_move_to_right_user_rec(&pc), 0);
+      EXPECT_EQ(pc.rec, nullptr);
+    } else {
+      EXPECT_FALSE(nrec_is_max_rec(pc.rec));
+      EXPECT_EQ(nrec_get_rowid(desc_, pc.rec), c.at);
+    }
+    pbcur_close(&pc);
+  }
+  ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
+}
+
+TEST_F(RowTest, CursorWalksRowsInRowidOrder) {
+  for (int64_t id : {5, 1, 4, 2}) ASSERT_EQ(insert(id, 0, 0, pattern(60, 1)), 0);
+  Scratch mem(env_);
+  zq_ptx ptx;
+  ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
+  pbcur pc;
+  pbcur_init_low(&pc, &ptx, btr_, __FILE__, __LINE__);
+  zq_key* key = tuple4_key_create(env_, mem.get(), desc_, 2, __FILE__, __LINE__);
+  ASSERT_EQ(pbcur_open(&pc, key, 1, 0, mem.get()), 0);
+  std::vector<int64_t> seen{nrec_get_rowid(desc_, pc.rec)};
+  while (pbcur_move_to_right_user_rec(&pc) == 1) seen.push_back(nrec_get_rowid(desc_, pc.rec));
+  EXPECT_EQ(pc.rec, nullptr);
+  EXPECT_EQ(seen, (std::vector<int64_t>{2, 4, 5}));
+  pbcur_close(&pc);
+  ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
+}
+
+// A saved cursor goes on after its ptx and the memory holding its key are
+// gone, and sees the table as it is when it steps.
+TEST_F(RowTest, SavedPositionOutlivesPtxAndScratch) {
+  for (int64_t id = 1; id <= 5; ++id) ASSERT_EQ(insert(id, 0, 0, pattern(100, id)), 0);
+  pbcur pc;
+  {
+    Scratch mem(env_);
+    zq_ptx ptx;
+    ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
+    pbcur_init_low(&pc, &ptx, btr_, __FILE__, __LINE__);
+    zq_key* key = tuple4_key_create(env_, mem.get(), desc_, 2, __FILE__, __LINE__);
+    ASSERT_EQ(pbcur_open(&pc, key, 1, 0, mem.get()), 0);
+    pbcur_save_position_inner(&pc);
+    EXPECT_EQ(pc.ptx, nullptr);
+    ASSERT_EQ(ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT), 0);
+  }
+  EXPECT_EQ(field_bytes(env_, desc_, pc.rec, 2), pattern(100, 2));
+  exec("DELETE FROM \"MDRT$t\" WHERE rowid = 3");
+  uint64_t raises = zqfault_raise_count(env_);
+  std::vector<int64_t> seen;
+  while (pbcur_move_to_right_user_rec(&pc) == 1) {
+    seen.push_back(nrec_get_rowid(desc_, pc.rec));
+    EXPECT_EQ(field_bytes(env_, desc_, pc.rec, 2), pattern(100, seen.back()));
+  }
+  EXPECT_EQ(seen, (std::vector<int64_t>{4, 5}));
+  EXPECT_EQ(zqfault_raise_count(env_), raises) << "a saved cursor is outside any ptx";
+  pbcur_close(&pc);
+}
+
+TEST_F(RowTest, UpdatesWriteOnlyTheListedColumns) {
+  const auto cells = pattern(80, 1);
+  ASSERT_EQ(insert(4, 1, 10, cells), 0);
+  uint64_t before = 0;
+  ndct_table_get_dver(env_, table_, &before);
+
+  // Parent alone, in place: the other values passed in must not be written.
+  ASSERT_EQ(update(4, {1}, 99, 20, pattern(3, 3), true), 0);
+  EXPECT_EQ(rows(), (std::vector<SqlRow>{{4, 1, 20, cells, 0}}));
+  // Level and cells through the unfixed path, to a longer blob.
+  const auto longer = pattern(300, 5);
+  ASSERT_EQ(update(4, {0, 2}, 3, 77, longer, false), 0);
+  EXPECT_EQ(rows(), (std::vector<SqlRow>{{4, 3, 20, longer, 0}}));
+
+  uint64_t after = 0;
+  ndct_table_get_dver(env_, table_, &after);
+  EXPECT_GT(after, before);
+  EXPECT_EQ(update(5, {1}, 0, 1, cells, true), zqhost::kErrNoRow);
+  EXPECT_EQ(update(4, {4}, 0, 1, cells, true), zqhost::kErrBadArg) << "the rowid is not updatable";
+}
+
+TEST_F(RowTest, DeleteAndRefusedInsert) {
+  ASSERT_EQ(insert(2, 0, 1, pattern(10, 1)), 0);
+  ASSERT_EQ(insert(3, 0, 1, pattern(10, 2)), 0);
+  EXPECT_EQ(insert(2, 5, 5, pattern(10, 9)), zqhost::kErrInsertRefused);
+  EXPECT_EQ(remove(2), 0);
+  EXPECT_EQ(rows(), (std::vector<SqlRow>{{3, 0, 1, pattern(10, 2), 0}}));
+  EXPECT_EQ(remove(2), zqhost::kErrNoRow);
+  zqhost_row_insert_failed(env_, -1509);
+  EXPECT_EQ(zqhost_insert_failed_count(env_), 1u);
+  EXPECT_EQ(zqhost_insert_failed_last(env_), -1509);
+}
+
+TEST_F(RowTest, RowidCounter) {
+  int32_t code = 1;
+  EXPECT_EQ(nbtr_get_next_rowid(env_, btr_, &code), 1);
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(nbtr_get_next_rowid(env_, btr_, &code), 2);
+
+  // Seeded from the largest rowid of a table that has rows.
+  exec(
+      "CREATE TABLE \"MDRT$u\" (level INTEGER NOT NULL, parent_id INTEGER NOT NULL,"
+      " cells BLOB NOT NULL, sys INTEGER NOT NULL DEFAULT 0)");
+  exec(
+      "INSERT INTO \"MDRT$u\" (rowid, level, parent_id, cells) VALUES (4, 0, 0, x''), (11, 0, 0, "
+      "x'')");
+  ASSERT_NO_FATAL_FAILURE(find_table("MDRT$u"));
+  EXPECT_EQ(nbtr_get_next_rowid(env_, btr_, &code), 12);
+  EXPECT_EQ(nbtr_get_next_rowid(env_, btr_, &code), 13);
+
+  // A rollback drops the counter with the rows it was handing out ids for.
+  ASSERT_EQ(zqsess_begin(sess_), 0);
+  exec("INSERT INTO \"MDRT$u\" (rowid, level, parent_id, cells) VALUES (40, 0, 0, x'')");
+  ASSERT_NO_FATAL_FAILURE(find_table("MDRT$u"));
+  EXPECT_EQ(nbtr_get_next_rowid(env_, btr_, &code), 14) << "same session: the counter goes on";
+  ASSERT_EQ(zqsess_rollback(sess_), 0);
+  ASSERT_NO_FATAL_FAILURE(find_table("MDRT$u"));
+  EXPECT_EQ(nbtr_get_next_rowid(env_, btr_, &code), 12);
+}
+
+TEST_F(RowTest, KeysAndBinaries) {
+  Scratch mem(env_);
+  zq_key* key = tuple4_key_create(env_, mem.get(), desc_, -9, __FILE__, __LINE__);
+  ASSERT_NE(key, nullptr);
+  ASSERT_EQ(key->n_vals, 1);
+  EXPECT_EQ(key->vals[0].notnull, 1);
+  EXPECT_EQ(key->vals[0].part_a, 0);
+  EXPECT_EQ(key->vals[0].part_b, 0);
+  EXPECT_EQ(key->vals[0].u.i64, -9);
+
+  zq_value a{}, b{};
+  const auto big = pattern(ZQ_BINARY_MAX + 1, 0);
+  EXPECT_EQ(binary_assign_const_ex(env_, mem.get(), &a, ZQ_BINARY_MAX + 1, big.data()),
+            zqhost::kErrTooLong);
+  ASSERT_EQ(binary_assign_const_ex(env_, mem.get(), &a, 49, big.data()), 0);
+  ASSERT_EQ(binary_assign_const_ex(env_, mem.get(), &b, 49, big.data()), 0);
+  EXPECT_NE(a.ptr, nullptr);
+  EXPECT_EQ(nbin_cmp(env_, &a, &b), 0);
+  ASSERT_EQ(binary_assign_const_ex(env_, mem.get(), &b, 48, big.data()), 0);
+  EXPECT_EQ(b.ptr, nullptr);
+  EXPECT_GT(nbin_cmp(env_, &a, &b), 0) << "a longer value with the same prefix sorts after";
+  b.u.inl[0] ^= 1;
+  EXPECT_NE(nbin_cmp(env_, &a, &b), 0);
+  ASSERT_EQ(nstr_assign_const_ex_no_clear(env_, mem.get(), &b, "D", 1), 0);
+  EXPECT_EQ(b.len, 1u);
+  EXPECT_EQ(b.u.inl[0], 'D');
+}
+
+}  // namespace
