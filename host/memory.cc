@@ -6,7 +6,8 @@
 // what a failure path left behind. A heap is a bump arena of malloc'ed chunks
 // whose first chunk may be the caller's stack area; only its latest block can
 // be given back early. A pool is a heap whose blocks carry their size, so a
-// freed block is reused by the next allocation of the same size.
+// freed block is reused by the next allocation of the same size; its blocks
+// are handed out zero-filled.
 //
 // Call order: mem_heap_create_low2 | rt_memobj_heap_create_fast_ex |
 // rt_memobj_mem2_pool_create_low -> obj->alloc / obj->free ->
@@ -108,17 +109,19 @@ void scratch_free(zq_env*, zq_heap* heap, void* ptr) {
 void* pool_alloc(zq_env* env, zq_heap* heap, size_t size, const char*, int) {
   if (zqhost::alloc_fails(env != nullptr ? env : heap->env)) return nullptr;
   size_t rounded = round_up(size == 0 ? 1 : size);
+  // Pool blocks come zero-filled: the library relies on unused coordinate
+  // slots of a fresh node buffer reading 0.
   for (auto& fc : heap->free_classes) {
     if (fc.size == rounded && fc.head != nullptr) {
       void* p = fc.head;
       fc.head = *static_cast<void**>(p);
-      return p;
+      return std::memset(p, 0, rounded);
     }
   }
   auto* raw = static_cast<uint8_t*>(heap_take(heap, kPoolBlockHdr + rounded));
   if (raw == nullptr) return nullptr;
   *reinterpret_cast<size_t*>(raw) = rounded;
-  return raw + kPoolBlockHdr;
+  return std::memset(raw + kPoolBlockHdr, 0, rounded);
 }
 
 void pool_free(zq_env*, zq_heap* heap, void* ptr) {
