@@ -1,6 +1,7 @@
 // Boxes and operators as users write them: conversion to the library's
 // rtr_rect, validation with messages that name the offending coordinate, and
 // operator names parsed to the library's bits.
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -25,10 +26,11 @@ Box from_rect(const rtr_rect& rect, int dims) {
   return box;
 }
 
+// The shortest text that reads back as the same double.
 static std::string number_text(double v) {
   char buf[64];
-  std::snprintf(buf, sizeof buf, "%.17g", v);
-  return buf;
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  return ec == std::errc() ? std::string(buf, end) : std::string("?");
 }
 
 std::string box_problem(const Box& box, int dims) {

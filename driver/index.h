@@ -238,6 +238,14 @@ class Index {
   Status walk(const std::function<void(const NodeView&)>& visit) const;
   // rtr_print of the whole tree (to standard output).
   Status print() const;
+  // The tree's leaf entries against the base table: "" when every row is in
+  // the tree exactly once with its stored box and the tree holds nothing
+  // else, else the first difference ("rowid 7 is in the base table but not
+  // in the tree").
+  Status verify_base(std::string* problem) const;
+  // Runs `fn` on a fresh reading-mode handle inside one transaction, for
+  // diagnostics that call the library directly (the tree checker).
+  Status with_read_handle(const std::function<Status(rtr_mem*)>& fn) const;
 
   std::string node_table() const;  // "MDRT$" + name
   std::string base_table() const;  // name + "_boxes"

@@ -2,6 +2,7 @@
 // root (through the library's node cache, pins dropped at once), and the
 // library's debug print, which is only safe on a tree whose nodes can all be
 // read — so it walks first.
+#include <algorithm>
 #include <cstdio>
 #include <unordered_set>
 #include <vector>
@@ -68,6 +69,55 @@ Status Index::print() const {
   rtr_print(db_->env(), nullptr, RTR_ROOT_ID, 0, handle.get());
   std::fflush(stdout);
   return txn.commit();
+}
+
+Status Index::with_read_handle(const std::function<Status(rtr_mem*)>& fn) const {
+  detail::UserOp txn(*db_);
+  if (!txn.begun()) return txn.begun();
+  detail::Handle handle(*this, detail::Handle::Mode::kRead);
+  if (!handle.created()) return handle.created();
+  if (Status s = fn(handle.get()); !s) return s;
+  return txn.commit();
+}
+
+namespace {
+
+std::string first_difference(std::vector<Entry>& tree, const std::vector<Entry>& base, int dims) {
+  std::sort(tree.begin(), tree.end(), [](const Entry& a, const Entry& b) { return a.id < b.id; });
+  size_t i = 0, j = 0;
+  while (i < tree.size() || j < base.size()) {
+    if (i + 1 < tree.size() && tree[i].id == tree[i + 1].id)
+      return "rowid " + std::to_string(tree[i].id) + " is in the tree more than once";
+    if (j == base.size() || (i < tree.size() && tree[i].id < base[j].id))
+      return "rowid " + std::to_string(tree[i].id) + " is in the tree but not in the base table";
+    if (i == tree.size() || base[j].id < tree[i].id)
+      return "rowid " + std::to_string(base[j].id) + " is in the base table but not in the tree";
+    if (!(tree[i].box == base[j].box))
+      return "rowid " + std::to_string(base[j].id) + " has box " +
+             detail::describe_box(tree[i].box, dims) + " in the tree but " +
+             detail::describe_box(base[j].box, dims) + " in the base table";
+    ++i;
+    ++j;
+  }
+  return "";
+}
+
+}  // namespace
+
+Status Index::verify_base(std::string* problem) const {
+  std::vector<Entry> tree, base;
+  Status s = walk([&](const NodeView& node) {
+    if (node.level != 0) return;
+    for (const rtr_cell& c : node.cells) tree.push_back(Entry{c.id, from_rect(c.rect, dims_)});
+  });
+  if (!s) return s;
+  s = scan_base([&](const Entry& e) {
+    base.push_back(e);
+    return true;
+  });
+  if (!s) return s;
+  *problem = first_difference(tree, base, dims_);
+  return Status::ok();
 }
 
 }  // namespace zq

@@ -1,0 +1,102 @@
+// The tool's shared services: databases opened with the user's settings,
+// fault arming, progress, error reporting and command-line boxes.
+#include <fmt/format.h>
+
+#include <charconv>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/progress.h"
+#include "tools/tool.h"
+
+namespace zqtool {
+
+zq::Status Context::open_db(const std::string& path, bool create,
+                            std::unique_ptr<zq::Database>* out) {
+  zq::Settings settings;
+  if (zq::Status s = zq::Settings::from_environment(&settings); !s) return s;
+  settings.merge(opts.settings);
+  if (zq::Status s = zq::Database::open(path, create, out); !s) return s;
+  (*out)->apply(settings);
+  return zq::Status::ok();
+}
+
+zq::Status Context::open_index(const std::string& path, const std::string& name,
+                               std::unique_ptr<zq::Database>* db, zq::Index* index) {
+  if (zq::Status s = open_db(path, false, db); !s) return s;
+  return zq::Index::open(**db, name, index);
+}
+
+void Context::arm_faults(zq::Database& db) const {
+  uint64_t nth = opts.fault_alloc_nth;
+  if (const char* env = std::getenv("ZQRTREE_FAULT_ALLOC_NTH"); nth == 0 && env != nullptr)
+    nth = std::strtoull(env, nullptr, 10);
+  if (nth > 0) db.fail_alloc_nth(nth);
+}
+
+zq::Progress Context::progress() const {
+  if (opts.quiet || !progress_wanted()) return {};
+  auto bar = std::make_shared<ProgressBar>();
+  return [bar](std::string_view stage, uint64_t done, uint64_t total) {
+    bar->update(stage, done, total);
+  };
+}
+
+int Context::fail(const zq::Status& status) const {
+  std::fprintf(stderr, "zqrtree: error: %s\n", status.message().c_str());
+  return kFailure;
+}
+
+void add_target(CLI::App* cmd, Target* target) {
+  cmd->add_option("DB", target->db, "database file")->required();
+  cmd->add_option("INDEX", target->index, "index name")->required();
+}
+
+void set_example(CLI::App* cmd, const std::string& examples) {
+  cmd->footer("Example:\n" + examples + "\n");
+}
+
+std::string number(double v) {
+  return fmt::format("{}", v);
+}
+
+std::string entry_csv(const zq::Entry& e, int dims) {
+  std::string line = fmt::format("{}", e.id);
+  for (int k = 0; k < dims; ++k) line += "," + number(e.box.min[k]);
+  for (int k = 0; k < dims; ++k) line += "," + number(e.box.max[k]);
+  return line;
+}
+
+zq::Box parse_box(std::string_view text, int dims) {
+  std::vector<double> values;
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t comma = text.find(',', start);
+    if (comma == std::string_view::npos) comma = text.size();
+    std::string_view field = text.substr(start, comma - start);
+    while (!field.empty() && field.front() == ' ') field.remove_prefix(1);
+    while (!field.empty() && field.back() == ' ') field.remove_suffix(1);
+    if (!field.empty() && field.front() == '+') field.remove_prefix(1);
+    double v = 0;
+    auto [p, ec] = std::from_chars(field.data(), field.data() + field.size(), v);
+    if (field.empty() || ec != std::errc() || p != field.data() + field.size())
+      throw UsageError(fmt::format("box '{}': coordinate {} '{}' is not a number", text,
+                                   values.size() + 1, field));
+    values.push_back(v);
+    start = comma + 1;
+  }
+  if (values.size() != static_cast<size_t>(2 * dims))
+    throw UsageError(fmt::format(
+        "box '{}' has {} coordinates; a {}-axis index needs {} (all minima, then all maxima)", text,
+        values.size(), dims, 2 * dims));
+  zq::Box box;
+  for (int k = 0; k < dims; ++k) {
+    box.min[k] = values[static_cast<size_t>(k)];
+    box.max[k] = values[static_cast<size_t>(dims + k)];
+  }
+  return box;
+}
+
+}  // namespace zqtool
