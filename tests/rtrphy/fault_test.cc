@@ -47,6 +47,18 @@ class FaultTest : public PhyTest {
     };
   }
 
+  // Undoes a successful run of operation `name`.
+  void restore(const std::string& name) {
+    if (name == "rtr_phy_insert_node") {
+      int64_t id = 9;
+      ASSERT_EQ(rtr_phy_delete_node(env_, rtr_, &id), 0);
+    } else if (name == "rtr_phy_delete_node") {
+      put_node(5, 1, 0, sample_cells(3));
+    } else if (name == "rtr_phy_modify_node") {
+      ASSERT_EQ(modify(5, 1, 0, sample_cells(3)), 0);
+    }
+  }
+
   void SetUp() override {
     PhyTest::SetUp();
     handle(2);
@@ -103,15 +115,7 @@ TEST_F(FaultTest, RaisedCodesEndTheMiniTransactionAndArePushedOnce) {
         zqfault_reset(env_);
         if (rc != r.code) {
           EXPECT_GE(rc, 0) << "the operation ran past its last raise point";
-          // Put the table back for the next operation.
-          if (std::string(op.name) == "rtr_phy_insert_node") {
-            int64_t id = 9;
-            ASSERT_EQ(rtr_phy_delete_node(env_, rtr_, &id), 0);
-          } else if (std::string(op.name) == "rtr_phy_delete_node") {
-            put_node(5, 1, 0, sample_cells(3));
-          } else if (std::string(op.name) == "rtr_phy_modify_node") {
-            ASSERT_EQ(modify(5, 1, 0, sample_cells(3)), 0);
-          }
+          restore(op.name);  // the table as SetUp made it, for the next operation
           break;
         }
         ++points;
@@ -124,35 +128,41 @@ TEST_F(FaultTest, RaisedCodesEndTheMiniTransactionAndArePushedOnce) {
   }
 }
 
-// A code raised after the row callback changed the row is rolled back.
-TEST_F(FaultTest, RollbackUndoesTheRowActionAlreadyDone) {
+// A code raised after the row callback changed the row: -1513 with the
+// release flag keeps the change (the raiser took care of it), anything else
+// rolls it back.
+TEST_F(FaultTest, ReleaseKeepsTheRowActionAndRollbackUndoesIt) {
   struct Case {
-    const char* op;
-    uint32_t slot;
+    int32_t code;
+    uint8_t release_flag;
+    bool kept;
   };
+  const uint32_t slot_of[] = {4, 6, 3};  // insert, modify (cells change), delete
   const std::vector<Op> all = ops();
-  for (const Case& c : {Case{"rtr_phy_insert_node", 4}, Case{"rtr_phy_modify_node", 6},
-                        Case{"rtr_phy_delete_node", 3}}) {
-    SCOPED_TRACE(c.op);
-    const std::string before = table_dump();
-    zqenv_err_clear(env_);
-    uint32_t seen = 0;
-    hooks().after_row_callback = [&](zq_ptx* ptx, uint32_t slot, int32_t rc) {
-      EXPECT_EQ(rc, 0);
-      seen = slot;
-      ptx->release_flag = 0;
-      throw zq_raised{-2602};
-      return rc;
-    };
-    int32_t rc = 0;
-    for (const Op& op : all) {
-      if (std::string(op.name) == c.op) rc = op.run();
+  for (size_t k = 0; k < 3; ++k) {
+    for (const Case& c : {Case{RTR_ERR_RELEASE, 1, true}, Case{RTR_ERR_RELEASE, 0, false},
+                          Case{-2602, 1, false}, Case{-2602, 0, false}}) {
+      SCOPED_TRACE(testing::Message()
+                   << all[k].name << " code=" << c.code << " release=" << int(c.release_flag));
+      const std::string before = table_dump();
+      zqenv_err_clear(env_);
+      uint32_t seen = 0;
+      hooks().after_row_callback = [&](zq_ptx* ptx, uint32_t slot, int32_t rc) {
+        EXPECT_EQ(rc, 0);
+        seen = slot;
+        ptx->release_flag = c.release_flag;
+        throw zq_raised{c.code};
+        return rc;
+      };
+      int32_t rc = all[k].run();
+      hooks().after_row_callback = nullptr;
+      EXPECT_EQ(seen, slot_of[k]);
+      EXPECT_EQ(rc, c.code);
+      EXPECT_EQ(errors(), (std::vector<Pushed>{{c.code, all[k].name}}));
+      EXPECT_EQ(table_dump() != before, c.kept);
+      if (c.kept) restore(all[k].name);
+      EXPECT_EQ(table_dump(), before);
     }
-    hooks().after_row_callback = nullptr;
-    EXPECT_EQ(seen, c.slot);
-    EXPECT_EQ(rc, -2602);
-    EXPECT_EQ(errors(), (std::vector<Pushed>{{-2602, c.op}}));
-    EXPECT_EQ(table_dump(), before);
   }
 }
 
@@ -180,15 +190,7 @@ TEST_F(FaultTest, EachAllocationFailingInTurnLeavesNoTrace) {
       ASSERT_LT(nth, 100u);
     }
     EXPECT_GE(failures, 1) << op.name << " allocates nothing?";
-    // Leave the table as SetUp made it for the next operation.
-    if (std::string(op.name) == "rtr_phy_insert_node") {
-      int64_t id = 9;
-      ASSERT_EQ(rtr_phy_delete_node(env_, rtr_, &id), 0);
-    } else if (std::string(op.name) == "rtr_phy_delete_node") {
-      put_node(5, 1, 0, sample_cells(3));
-    } else if (std::string(op.name) == "rtr_phy_modify_node") {
-      ASSERT_EQ(modify(5, 1, 0, sample_cells(3)), 0);
-    }
+    restore(op.name);
   }
 }
 

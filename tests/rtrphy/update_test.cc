@@ -69,7 +69,9 @@ TEST_F(UpdateTest, ChangedColumnsAndFlagsPickTheCallback) {
     ASSERT_EQ(row_slots(), (std::vector<uint32_t>{c.slot}));
     const HookCall& call = hooks().calls.back();
     EXPECT_EQ(call.old_cols, c.cols);
-    if (c.slot == 5) EXPECT_EQ(call.cols, c.cols);
+    if (c.slot == 5) {
+      EXPECT_EQ(call.cols, c.cols);
+    }
 
     node_recdesc()->no_inplace_parent = 0;
     node_recdesc()->no_inplace_level = 0;
