@@ -3,7 +3,8 @@
 // driver reads from its standard output.
 //
 // A runner is started as
-//   bench_run_<system> --workload FILE --variant NAME [--dir DIR] [--key value ...]
+//   bench_run_<system> --workload FILE --variant NAME [--dir DIR] [--clock wall|cpu]
+//                      [--key value ...]
 // (or with --list to print its variants), reads the workload before any
 // clock starts, and prints one block per result row:
 //   row <label>
@@ -16,7 +17,6 @@
 #ifndef ZQ_BENCH_COMMON_RUNNER_H
 #define ZQ_BENCH_COMMON_RUNNER_H
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -56,21 +56,26 @@ class Report {
   size_t cur_ = 0;
 };
 
+// Wall-clock time by default. With --clock cpu a runner times its own CPU
+// time instead: on a machine shared with other work that is the steadier
+// measure, though it leaves out time spent waiting for the disk.
 class Stopwatch {
  public:
-  Stopwatch() : t0_(std::chrono::steady_clock::now()) {}
-  double seconds() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0_).count();
-  }
+  Stopwatch() : t0_(now()) {}
+  double seconds() const { return now() - t0_; }
+  static void use_cpu_clock(bool cpu) { cpu_ = cpu; }
 
  private:
-  std::chrono::steady_clock::time_point t0_;
+  static double now();
+  static inline bool cpu_ = false;
+  double t0_;
 };
 
 // One window query: adds every hit's id to `hits`; returns "" or why it failed.
 using QueryFn = std::function<std::string(const Box& q, Hits* hits)>;
 
-// Times every query set and reports q_per_s.<set> and hits.<set>.
+// After one untimed query over the whole extent (the warm-up), times every
+// query set and reports q_per_s.<set> and hits.<set>.
 std::string run_query_sets(const Workload& w, Report& report, const QueryFn& query);
 // Runs the workload's verify set once, untimed, and reports hits_del.
 std::string run_verify_set(const Workload& w, Report& report, const QueryFn& query);

@@ -5,7 +5,7 @@
 //
 //   bench_compare --bin DIR [--dir SCRATCH] [--md FILE] [--svg FILE]
 //                 [--systems runner:variant,...] [--timeout SECONDS]
-//                 [--pass key=value ...] WORKLOAD...
+//                 [--clock wall|cpu] [--pass key=value ...] WORKLOAD...
 //
 // The first system in the list that is not ours is the base of every ratio
 // (SQLite's R*Tree on a file by default). A runner that is not built (its
@@ -85,6 +85,7 @@ struct Config {
   std::vector<std::string> systems;
   std::vector<std::pair<std::string, std::string>> pass;  // --key value for every runner
   double timeout = 0;
+  std::string clock = "wall";
 };
 
 std::vector<std::string> split(const std::string& s, char sep) {
@@ -112,8 +113,8 @@ std::vector<Row> run_one(const Config& cfg, const std::string& spec, const std::
     failed.status = "skipped: " + exe + " not built (its package is not installed)";
     return {failed};
   }
-  std::vector<std::string> args = {exe,     "--workload", workload, "--variant",
-                                   variant, "--dir",      cfg.dir};
+  std::vector<std::string> args = {exe,     "--workload", workload,  "--variant", variant,
+                                   "--dir", cfg.dir,      "--clock", cfg.clock};
   for (const auto& [k, v] : cfg.pass) {
     args.push_back("--" + k);
     args.push_back(v);
@@ -545,7 +546,7 @@ int usage() {
   std::fprintf(stderr,
                "usage: bench_compare --bin DIR [--dir SCRATCH] [--md FILE] [--svg FILE]\n"
                "                     [--systems runner:variant,...] [--timeout SECONDS]\n"
-               "                     [--pass key=value ...] WORKLOAD...\n"
+               "                     [--clock wall|cpu] [--pass key=value ...] WORKLOAD...\n"
                "default systems: %s\n",
                kDefaultSystems);
   return 2;
@@ -579,6 +580,8 @@ int main(int argc, char** argv) {
       systems = v;
     else if (a == "--timeout")
       cfg.timeout = std::atof(v.c_str());
+    else if (a == "--clock" && (v == "wall" || v == "cpu"))
+      cfg.clock = v;
     else if (a == "--pass" && v.find('=') != std::string::npos)
       cfg.pass.emplace_back(v.substr(0, v.find('=')), v.substr(v.find('=') + 1));
     else
@@ -644,7 +647,10 @@ int main(int argc, char** argv) {
           std::find(versions.begin(), versions.end(), it->second[0]) == versions.end())
         versions.push_back(it->second[0]);
   for (size_t i = 0; i < versions.size(); ++i) md << (i ? ", " : " Versions: ") << versions[i];
-  md << (versions.empty() ? "\n" : ".\n");
+  md << (versions.empty() ? "" : ".")
+     << (cfg.clock == "cpu" ? " Times are each process's CPU time (the machine was shared)."
+                            : " Times are wall-clock.")
+     << "\n";
   for (const Result& r : results) {
     write_tables(md, r);
     write_targets(md, r);

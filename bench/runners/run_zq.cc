@@ -236,8 +236,8 @@ std::string run(const Workload& w, const Options& opt, Report& report, bool bulk
     report.value("size_bytes", static_cast<double>(eng.database_bytes()));
   }
 
-  // One handle per batch: the cache fills during the first queries and then
-  // serves every node from memory.
+  // One handle per batch: the untimed warm-up query fills its cache, which
+  // then serves every node from memory.
   rtr_mem* warm = nullptr;
   auto warm_query = [&](const Box& q, Hits* hits) { return eng.query(warm, q, w.dims, hits); };
   if (!(err = eng.begin()).empty() || !(err = eng.handle(1, &warm)).empty()) return err;

@@ -1,0 +1,92 @@
+#!/usr/bin/env bash
+# Side-by-side benchmarks against peer spatial indexes.
+# Usage: scripts/bench.sh quick|full [BUILD_DIR]
+#   quick  a small set (10k-entry workloads and a small real set), all
+#          systems, under a minute; results go to BUILD_DIR/bench-quick/
+#   full   the standard set (1M 2-D boxes, uniform and clustered, and the
+#          Moscow road segments); results go to bench/results/latest.md and
+#          latest.svg, plus the micro-benchmarks in micro.txt when built
+# Peer runners exist only for the packages installed when the build was
+# configured; the configure step is rerun here so packages installed since
+# (make bench installs them) are picked up. A hit mismatch or a failed
+# runner makes the exit status non-zero. BENCH_CLOCK=cpu times CPU instead of
+# wall-clock time, the steadier measure on a machine shared with other work.
+set -euo pipefail
+
+mode="${1:-}"
+build="${2:-build}"
+case "$mode" in
+  quick | full) ;;
+  *) echo "usage: $0 quick|full [BUILD_DIR]" >&2; exit 2 ;;
+esac
+
+root="$(cd "$(dirname "$0")/.." && pwd)"
+cd "$root"
+data="${ZQ_SHARED_DATA:-$root/../shared/data}"
+jobs="${JOBS:-2}"
+[ "$jobs" -gt 2 ] && jobs=2  # the machine is shared: never more than two compile jobs
+
+cmake -S . -B "$build" >/dev/null
+cmake --build "$build" -j "$jobs" --target zq_bench_all >/dev/null
+bin="$build/bench"
+for exe in bench_gen bench_compare; do
+  if [ ! -x "$bin/$exe" ]; then
+    echo "$bin/$exe is missing: configure with -DZQ_BENCH=ON" >&2
+    exit 1
+  fi
+done
+for runner in zq sqlite sidx boost brute; do
+  [ -x "$bin/bench_run_$runner" ] || echo "note: bench_run_$runner not built; its rows are skipped" >&2
+done
+
+if [ "$mode" = quick ]; then
+  out="$build/bench-quick"
+  n=10000
+  queries="0.00001:1000,0.0001:1000,0.01:50"
+  timeout=60
+else
+  out="$root/bench/results"
+  n=1000000
+  queries="0.00001:10000,0.0001:10000,0.01:200"
+  timeout=400
+fi
+work="$build/bench-work"
+mkdir -p "$out" "$work"
+
+workloads=()
+gen() {  # gen NAME ARGS... -> adds $work/NAME.wl, or says why it is skipped
+  local file="$work/$1.wl"
+  shift
+  local rc=0
+  "$bin/bench_gen" --out "$file" --queries "$queries" --deletes 0.1 "$@" || rc=$?
+  if [ "$rc" -eq 0 ]; then
+    workloads+=("$file")
+  elif [ "$rc" -eq 3 ]; then
+    echo "note: $(basename "$file" .wl) skipped (data set not in $data)" >&2
+  else
+    exit "$rc"
+  fi
+}
+
+if [ "$mode" = quick ]; then
+  gen uniform-boxes-2d --dist uniform --kind boxes --dims 2 --n "$n"
+  gen parcel-boxes-2d --dist parcel --kind boxes --dims 2 --n "$n"
+  gen diagonal-points-3d --dist diagonal --kind points --dims 3 --n "$n"
+  gen turin-roads --csv "$data/osm-turin-roads-mbr.csv.gz"
+else
+  gen uniform-boxes-2d --dist uniform --kind boxes --dims 2 --n "$n"
+  gen clustered-boxes-2d --dist clustered --kind boxes --dims 2 --n "$n"
+  gen moscow-roads --csv "$data/osm-moscow-road-segments.csv.gz"
+fi
+
+status=0
+"$bin/bench_compare" --bin "$bin" --dir "$work" --timeout "$timeout" --clock "${BENCH_CLOCK:-wall}" \
+  --md "$out/latest.md" --svg "$out/latest.svg" "${workloads[@]}" || status=$?
+
+if [ "$mode" = full ] && [ -x "$bin/zq_micro" ]; then
+  ZQ_MICRO_DIR="$work" "$bin/zq_micro" --benchmark_counters_tabular=true \
+    >"$out/micro.txt" || status=$?
+fi
+rm -f "$work"/*.db "$work"/*.db-wal "$work"/*.db-shm "$work"/*.idx "$work"/*.dat
+echo "results: $out/latest.md, $out/latest.svg" >&2
+exit "$status"
