@@ -1,0 +1,184 @@
+// Memory: allocation-countdown and pool-name faults, accounting of live
+// blocks, heaps and pools, and the env freeing whatever a failure path left
+// behind (the ASan build checks that nothing leaks).
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <vector>
+
+#include "host/host.h"
+
+namespace {
+
+bool aligned16(const void* p) {
+  return (reinterpret_cast<uintptr_t>(p) & 15) == 0;
+}
+
+class MemoryTest : public ::testing::Test {
+ protected:
+  void SetUp() override { env_ = zqenv_create(); }
+  void TearDown() override { zqenv_destroy(env_); }
+  zq_env* env_ = nullptr;
+};
+
+// One allocation of each counted kind, in this order; each returns whether
+// it got its memory.
+TEST_F(MemoryTest, CountdownFailsExactlyTheNthAllocation) {
+  zq_recdesc desc{5, 1, 0, 0, 1, 0, sizeof(zq_value), 4};
+  zq_memobj scratch_storage{};
+  zq_memobj* scratch = nullptr;
+  std::vector<std::function<bool()>> steps = {
+      [&] { return mem_malloc_ex(env_, 64, __FILE__, __LINE__) != nullptr; },
+      [&] {
+        scratch = rt_memobj_heap_create_fast_ex(env_, &scratch_storage, 2048, __FILE__, __LINE__);
+        return scratch != nullptr;
+      },
+      [&] {
+        return rt_memobj_mem2_pool_create_low(env_, 0, "P", 4096, 0, 0, 0, 0, 0, __FILE__,
+                                              __LINE__) != nullptr;
+      },
+      [&] { return tuple4_key_create(env_, scratch, &desc, 3, __FILE__, __LINE__) != nullptr; },
+      [&] { return tuple4_space_create(env_, scratch, &desc) != nullptr; },
+      [&] { return tuple4_fillinfo_space_without_data_create(env_, scratch, 3, 56, 4) != nullptr; },
+      [&] { return scratch->alloc(env_, scratch->heap, 10, __FILE__, __LINE__) != nullptr; },
+  };
+  for (size_t nth = 0; nth <= steps.size(); ++nth) {
+    SCOPED_TRACE(nth);
+    zqfault_reset(env_);
+    zqfault_fail_alloc_nth(env_, nth);
+    for (size_t i = 0; i < steps.size(); ++i) {
+      // A failed scratch heap leaves the later steps without memory to use.
+      if (i >= 3 && scratch == nullptr) break;
+      EXPECT_EQ(steps[i](), i + 1 != nth) << "step " << i + 1;
+    }
+    EXPECT_EQ(zqfault_alloc_count(env_), nth == 2 ? 3u : steps.size());
+    if (scratch != nullptr) rt_memobj_destroy(env_, scratch);
+    scratch = nullptr;
+  }
+  // The failure is one-shot and counting starts from the setting.
+  zqfault_reset(env_);
+  mem_free(env_, mem_malloc_ex(env_, 8, __FILE__, __LINE__));
+  zqfault_fail_alloc_nth(env_, 1);
+  EXPECT_EQ(mem_malloc_ex(env_, 8, __FILE__, __LINE__), nullptr);
+  void* ok = mem_malloc_ex(env_, 8, __FILE__, __LINE__);
+  EXPECT_NE(ok, nullptr);
+  mem_free(env_, ok);
+  EXPECT_EQ(zqfault_alloc_count(env_), 3u);
+}
+
+TEST_F(MemoryTest, PoolNameFaultFailsEveryCreationOfThatName) {
+  zqfault_fail_pool(env_, "RTREE_CREATE_POOL");
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(rt_memobj_mem2_pool_create_low(env_, 0, "RTREE_CREATE_POOL", 0x100000, 0, 0, 0, 0, 0,
+                                             __FILE__, __LINE__),
+              nullptr);
+  }
+  zq_memobj* other =
+      rt_memobj_mem2_pool_create_low(env_, 0, "OTHER", 4096, 0, 0, 0, 0, 0, __FILE__, __LINE__);
+  EXPECT_NE(other, nullptr);
+  rt_memobj_destroy(env_, other);
+  zqfault_fail_pool(env_, nullptr);
+  zq_memobj* pool = rt_memobj_mem2_pool_create_low(env_, 0, "RTREE_CREATE_POOL", 0x100000, 0, 0, 0,
+                                                   0, 0, __FILE__, __LINE__);
+  EXPECT_NE(pool, nullptr);
+  rt_memobj_destroy(env_, pool);
+  EXPECT_EQ(zqenv_live_allocs(env_), 0u);
+}
+
+TEST_F(MemoryTest, LiveCountTracksBlocksHeapsPoolsAndHashes) {
+  void* block = mem_malloc_ex(env_, 100, __FILE__, __LINE__);
+  zq_heap* heap = mem_heap_create_low2(env_, nullptr, 512, __FILE__, __LINE__);
+  zq_memobj* pool =
+      rt_memobj_mem2_pool_create_low(env_, 0, "P", 8192, 0, 0, 0, 0, 0, __FILE__, __LINE__);
+  zq_hash* hash = zq_hash_create(env_, 10000, __FILE__, __LINE__);
+  ASSERT_NE(hash, nullptr);
+  EXPECT_EQ(hash->n_buckets, 10000u);
+  for (uint32_t i = 0; i < hash->n_buckets; ++i) ASSERT_EQ(hash->buckets[i], nullptr);
+  EXPECT_EQ(zqenv_live_allocs(env_), 4u);
+
+  // Blocks taken from a heap or pool do not count on their own.
+  for (int i = 0; i < 100; ++i) pool->alloc(env_, pool->heap, 2936, __FILE__, __LINE__);
+  EXPECT_EQ(zqenv_live_allocs(env_), 4u);
+
+  mem_free(env_, block);
+  zq_hash_table_free(env_, hash);
+  rt_memobj_destroy(env_, pool);
+  EXPECT_EQ(zqenv_live_allocs(env_), 1u);
+  zq_memobj obj;
+  rt_memobj_destroy(env_, rt_memobj_create_ex(env_, &obj, heap));
+  EXPECT_EQ(zqenv_live_allocs(env_), 0u);
+}
+
+TEST(MemoryLeaks, EnvDestroyFreesWhatFailurePathsLeft) {
+  zq_env* env = zqenv_create();
+  for (int i = 0; i < 5; ++i) {
+    void* p = mem_malloc_ex(env, 1000, __FILE__, __LINE__);
+    std::memset(p, 1, 1000);
+    zq_memobj storage;
+    zq_memobj* heap = rt_memobj_heap_create_fast_ex(env, &storage, 2048, __FILE__, __LINE__);
+    for (int k = 0; k < 50; ++k) heap->alloc(env, heap->heap, 700, __FILE__, __LINE__);
+    zq_memobj* pool =
+        rt_memobj_mem2_pool_create_low(env, 0, "P", 0x100000, 0, 0, 0, 0, 0, __FILE__, __LINE__);
+    pool->alloc(env, pool->heap, 2936, __FILE__, __LINE__);
+    zq_hash_create(env, 64, __FILE__, __LINE__);
+  }
+  uint8_t area[256];
+  mem_heap_create_low2(env, area, sizeof area, __FILE__, __LINE__);
+  EXPECT_EQ(zqenv_live_allocs(env), 21u);
+  zqenv_destroy(env);  // the leak checker of the sanitizer build verifies the rest
+}
+
+TEST_F(MemoryTest, ScratchHeapUsesTheStackAreaFirstThenGrows) {
+  alignas(16) uint8_t area[2048];
+  zq_memobj storage;
+  zq_memobj* obj = rt_memobj_create_ex(
+      env_, &storage, mem_heap_create_low2(env_, area, sizeof area, __FILE__, __LINE__));
+  ASSERT_EQ(obj, &storage);
+  auto alloc = [&](size_t n) {
+    return static_cast<uint8_t*>(obj->alloc(env_, obj->heap, n, "", 0));
+  };
+  uint8_t* a = alloc(100);
+  uint8_t* b = alloc(1);
+  EXPECT_TRUE(a >= area && a + 100 <= area + sizeof area);
+  EXPECT_TRUE(aligned16(a) && aligned16(b));
+  EXPECT_GE(b, a + 100);
+  uint8_t* big = alloc(40000);  // beyond the area and any default chunk
+  ASSERT_NE(big, nullptr);
+  EXPECT_TRUE(big < area || big >= area + sizeof area);
+  std::memset(big, 7, 40000);
+  // Only the latest block can be given back; it is then handed out again.
+  uint8_t* c = alloc(64);
+  obj->free(env_, obj->heap, c);
+  EXPECT_EQ(alloc(64), c);
+  obj->free(env_, obj->heap, a);
+  EXPECT_NE(alloc(100), a);
+  rt_memobj_destroy(env_, obj);
+  EXPECT_EQ(obj->heap, nullptr);
+  EXPECT_EQ(zqenv_live_allocs(env_), 0u);
+}
+
+TEST_F(MemoryTest, PoolBlocksAreZeroedAndReusedBySize) {
+  zq_memobj* pool = rt_memobj_mem2_pool_create_low(env_, 0, "RTREE_CREATE_POOL", 0x100000, 0, 0, 0,
+                                                   0, 0, __FILE__, __LINE__);
+  ASSERT_NE(pool, nullptr);
+  std::vector<uint8_t*> nodes;
+  for (int i = 0; i < 1000; ++i) {  // ~3 MB: several chunks
+    auto* p = static_cast<uint8_t*>(pool->alloc(env_, pool->heap, 2936, "", 0));
+    ASSERT_NE(p, nullptr);
+    ASSERT_TRUE(aligned16(p));
+    for (int k = 0; k < 2936; ++k) ASSERT_EQ(p[k], 0);
+    std::memset(p, 0xAB, 2936);
+    nodes.push_back(p);
+  }
+  pool->free(env_, pool->heap, nodes[10]);
+  auto* again = static_cast<uint8_t*>(pool->alloc(env_, pool->heap, 2936, "", 0));
+  EXPECT_EQ(again, nodes[10]);
+  for (int k = 0; k < 2936; ++k) ASSERT_EQ(again[k], 0) << "a recycled block is zeroed too";
+  EXPECT_NE(pool->alloc(env_, pool->heap, 100, "", 0), nodes[10]) << "other sizes do not reuse it";
+  rt_memobj_destroy(env_, pool);
+  EXPECT_EQ(zqenv_live_allocs(env_), 0u);
+}
+
+}  // namespace
