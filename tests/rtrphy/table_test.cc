@@ -146,23 +146,5 @@ TEST_F(TableTest, NodeIdsNeverHandOutTheRootsId) {
   EXPECT_TRUE(errors().empty());
 }
 
-TEST_F(TableTest, InsertingAnExistingIdFailsAndKeepsTheStoredRow) {
-  handle(2);
-  put_node(6, 1, 0, sample_cells(2));
-  rtr_node* node = nullptr;
-  ASSERT_EQ(rtr_node_create(env_, rtr_, 3, 6, &node), 0);
-  fill_node(node, sample_cells(5, 70));
-  int32_t rc = rtr_phy_insert_node(env_, rtr_, node);
-  rtr_node_destroy(rtr_, node);
-  EXPECT_LT(rc, 0);
-  ASSERT_FALSE(errors().empty());
-  EXPECT_EQ(errors().back(), (Pushed{rc, "rtr_phy_insert_node"}));
-  zqenv_err_clear(env_);
-  NodeImage got = get_node(6, &rc);
-  EXPECT_EQ(rc, 0);
-  EXPECT_EQ(got.level, 0u);
-  EXPECT_EQ(got.cells.size(), 2u);
-}
-
 }  // namespace
 }  // namespace phytest
