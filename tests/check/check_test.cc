@@ -1,0 +1,285 @@
+// The tree checker: a sound tree of three levels passes with exact
+// statistics; each kind of damage, made by editing node rows with SQL, is
+// reported at the node where it is.
+#include "check/check.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/common/fixture.h"
+
+namespace {
+
+constexpr int kEntries = 3000;
+
+class CheckTest : public zqtest::HostTest {
+ public:
+  void SetUp() override {
+    HostTest::SetUp();
+    zqsess_set_rtree_buf_mb(sess_, 4096, 64);
+    rtr_mem* h = open_handle(2);
+    ASSERT_NE(h, nullptr);
+    rtr_node* root = nullptr;
+    ASSERT_EQ(rtr_node_create(env_, h, 0, RTR_ROOT_ID, &root), 0);
+    root->n_cells = 0;
+    ASSERT_EQ(rtr_phy_insert_node(env_, h, root), 0);
+    rtr_node_destroy(h, root);
+    std::mt19937_64 rng(42);
+    std::uniform_real_distribution<double> u(0, 1000);
+    for (int i = 0; i < kEntries; ++i) {
+      double x = u(rng), y = u(rng);
+      rtr_cell c{i + 1, {x, y, 0, x + 3, y + 2, 0}};
+      ASSERT_EQ(rtr_insert(env_, h, &c), 0);
+    }
+    ASSERT_EQ(rtr_flush_all(env_, h), 0);
+    rtr_mem_destroy(env_, h);
+  }
+
+  void sql(const std::string& text) {
+    char* msg = nullptr;
+    ASSERT_EQ(sqlite3_exec(zqsess_db(sess_), text.c_str(), nullptr, nullptr, &msg), SQLITE_OK)
+        << text << ": " << (msg ? msg : "");
+  }
+
+  int64_t one(const std::string& text) {
+    sqlite3_stmt* st = nullptr;
+    EXPECT_EQ(sqlite3_prepare_v2(zqsess_db(sess_), text.c_str(), -1, &st, nullptr), SQLITE_OK);
+    int64_t v = -1;
+    if (sqlite3_step(st) == SQLITE_ROW) v = sqlite3_column_int64(st, 0);
+    sqlite3_finalize(st);
+    return v;
+  }
+
+  std::vector<uint8_t> blob(int64_t id) {
+    sqlite3_stmt* st = nullptr;
+    sqlite3_prepare_v2(zqsess_db(sess_), "SELECT cells FROM \"MDRT$t\" WHERE rowid = ?1", -1, &st,
+                       nullptr);
+    sqlite3_bind_int64(st, 1, id);
+    std::vector<uint8_t> out;
+    if (sqlite3_step(st) == SQLITE_ROW) {
+      auto* p = static_cast<const uint8_t*>(sqlite3_column_blob(st, 0));
+      out.assign(p, p + sqlite3_column_bytes(st, 0));
+    }
+    sqlite3_finalize(st);
+    return out;
+  }
+
+  void set_blob(int64_t id, const std::vector<uint8_t>& b) {
+    sqlite3_stmt* st = nullptr;
+    sqlite3_prepare_v2(zqsess_db(sess_), "UPDATE \"MDRT$t\" SET cells = ?1 WHERE rowid = ?2", -1,
+                       &st, nullptr);
+    sqlite3_bind_blob(st, 1, b.data(), static_cast<int>(b.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_int64(st, 2, id);
+    EXPECT_EQ(sqlite3_step(st), SQLITE_DONE);
+    sqlite3_finalize(st);
+  }
+
+  int64_t first_leaf() {
+    return one("SELECT rowid FROM \"MDRT$t\" WHERE level = 0 AND rowid <> 1 ORDER BY rowid");
+  }
+
+  zqcheck::CheckResult check() { return zqcheck::check_tree(sess_, "main", "t", 2); }
+};
+
+// 2-D entries are 40 bytes: id, min0, min1, max0, max1.
+constexpr size_t kEntry = 40;
+constexpr size_t kMax0 = 4 + 8 + 16;  // offset of entry 0's max0
+
+TEST_F(CheckTest, SoundTreePassesWithExactStatistics) {
+  zqcheck::TreeStats stats;
+  zqcheck::CheckResult res = zqcheck::check_tree(sess_, "main", "t", 2, &stats);
+  ASSERT_TRUE(res.ok) << res.node_id << ": " << res.message;
+  EXPECT_EQ(stats.entries, static_cast<uint64_t>(kEntries));
+  EXPECT_EQ(stats.nodes, static_cast<uint64_t>(count_rows()));
+  const int64_t root_level = one("SELECT level FROM \"MDRT$t\" WHERE rowid = 1");
+  ASSERT_GE(root_level, 2) << "the fixture should build three levels";
+  EXPECT_EQ(stats.height, root_level + 1);
+  ASSERT_EQ(stats.nodes_per_level.size(), stats.height);
+  for (uint32_t level = 0; level < stats.height; ++level) {
+    EXPECT_EQ(static_cast<int64_t>(stats.nodes_per_level[level]),
+              one("SELECT count(*) FROM \"MDRT$t\" WHERE level = " + std::to_string(level)));
+  }
+  EXPECT_EQ(stats.nodes_per_level.back(), 1u);
+  EXPECT_EQ(stats.cells_per_level[0], static_cast<uint64_t>(kEntries));
+  // Every branch level holds one entry per node of the level below.
+  for (uint32_t level = 1; level < stats.height; ++level)
+    EXPECT_EQ(stats.cells_per_level[level], stats.nodes_per_level[level - 1]);
+
+  rtr_mem* h = open_handle(2);
+  res = zqcheck::check_search(env_, h, "main", "t");
+  EXPECT_TRUE(res.ok) << res.node_id << ": " << res.message;
+  rtr_mem_destroy(env_, h);
+}
+
+TEST_F(CheckTest, EmptyRootLeafIsSound) {
+  sql("DELETE FROM \"MDRT$t\" WHERE rowid <> 1");
+  sql("UPDATE \"MDRT$t\" SET level = 0, cells = X'00000000' WHERE rowid = 1");
+  zqcheck::TreeStats stats;
+  ASSERT_TRUE(zqcheck::check_tree(sess_, "main", "t", 2, &stats).ok);
+  EXPECT_EQ(stats.height, 1u);
+  EXPECT_EQ(stats.entries, 0u);
+}
+
+// One kind of damage: `damage` edits the table and returns the node at which
+// the checker must report it; the message must mention `says`.
+struct Damage {
+  const char* name;
+  int64_t (*damage)(CheckTest& t);
+  const char* says;
+};
+
+class DamageTest : public CheckTest, public testing::WithParamInterface<Damage> {};
+
+const Damage kDamages[] = {
+    {"WrongParentId",
+     [](CheckTest& t) {
+       int64_t leaf = t.first_leaf();
+       t.sql(
+           "UPDATE \"MDRT$t\" SET parent_id = parent_id + 1000 "
+           "WHERE rowid = " +
+           std::to_string(leaf));
+       return leaf;
+     },
+     "parent_id"},
+    {"BoxNotContainingChild",
+     [](CheckTest& t) {
+       auto& d = t;
+       std::vector<uint8_t> b = d.blob(RTR_ROOT_ID);
+       double min0;
+       std::memcpy(&min0, b.data() + 12, 8);
+       std::memcpy(b.data() + kMax0, &min0, 8);  // entry 0 shrinks to its left edge
+       d.set_blob(RTR_ROOT_ID, b);
+       return int64_t{RTR_ROOT_ID};
+     },
+     "does not contain"},
+    {"UnreachableNode",
+     [](CheckTest& t) {
+       auto& d = t;
+       int64_t leaf = d.first_leaf();
+       d.sql(
+           "INSERT INTO \"MDRT$t\" (rowid, level, parent_id, cells) SELECT 999999, level, "
+           "parent_id, cells FROM \"MDRT$t\" WHERE rowid = " +
+           std::to_string(leaf));
+       return int64_t{999999};
+     },
+     "not reachable"},
+    {"SubtreeCutOff",
+     [](CheckTest& t) {
+       auto& d = t;
+       std::vector<uint8_t> b = d.blob(RTR_ROOT_ID);
+       uint32_t n;
+       std::memcpy(&n, b.data(), 4);
+       n -= 1;  // drop the last entry: its subtree is no longer reachable
+       int64_t last;
+       std::memcpy(&last, b.data() + 4 + n * kEntry, 8);
+       std::memcpy(b.data(), &n, 4);
+       b.resize(4 + n * kEntry);
+       d.set_blob(RTR_ROOT_ID, b);
+       // The first row the walk missed, in rowid order, is reported.
+       return d.one("SELECT min(rowid) FROM \"MDRT$t\" WHERE rowid = " + std::to_string(last) +
+                    " OR parent_id = " + std::to_string(last) +
+                    " OR parent_id IN (SELECT rowid "
+                    "FROM \"MDRT$t\" WHERE parent_id = " +
+                    std::to_string(last) + ")");
+     },
+     "not reachable"},
+    {"LevelMismatch",
+     [](CheckTest& t) {
+       auto& d = t;
+       int64_t leaf = d.first_leaf();
+       d.sql("UPDATE \"MDRT$t\" SET level = 1 WHERE rowid = " + std::to_string(leaf));
+       return leaf;
+     },
+     "level"},
+    {"BlobShorterThanItsCount",
+     [](CheckTest& t) {
+       auto& d = t;
+       int64_t leaf = d.first_leaf();
+       d.sql("UPDATE \"MDRT$t\" SET cells = substr(cells, 1, length(cells) - 3) WHERE rowid = " +
+             std::to_string(leaf));
+       return leaf;
+     },
+     "corrupt"},
+    {"CountOver51",
+     [](CheckTest& t) {
+       auto& d = t;
+       int64_t leaf = d.first_leaf();
+       std::vector<uint8_t> b(4 + 52 * kEntry, 0);
+       b[0] = 52;  // a length that matches the count, but the count is too large
+       d.set_blob(leaf, b);
+       return leaf;
+     },
+     "exceeds 51"},
+    {"BlobWithoutCount",
+     [](CheckTest& t) {
+       auto& d = t;
+       d.sql("UPDATE \"MDRT$t\" SET cells = X'0100' WHERE rowid = 1");
+       return int64_t{RTR_ROOT_ID};
+     },
+     "corrupt"},
+    {"CellsNotABlob",
+     [](CheckTest& t) {
+       auto& d = t;
+       int64_t leaf = d.first_leaf();
+       d.sql("UPDATE \"MDRT$t\" SET cells = 'text' WHERE rowid = " + std::to_string(leaf));
+       return leaf;
+     },
+     "corrupt"},
+    {"MissingRoot",
+     [](CheckTest& t) {
+       t.sql("DELETE FROM \"MDRT$t\" WHERE rowid = 1");
+       return int64_t{RTR_ROOT_ID};
+     },
+     "root"},
+    {"EntryNamingNoRow",
+     [](CheckTest& t) {
+       auto& d = t;
+       int64_t leaf = d.first_leaf();
+       int64_t parent =
+           d.one("SELECT parent_id FROM \"MDRT$t\" WHERE rowid = " + std::to_string(leaf));
+       d.sql("DELETE FROM \"MDRT$t\" WHERE rowid = " + std::to_string(leaf));
+       return parent;
+     },
+     "no row"},
+    {"NodeReachedTwice",
+     [](CheckTest& t) {
+       auto& d = t;
+       std::vector<uint8_t> b = d.blob(RTR_ROOT_ID);
+       uint32_t n;
+       std::memcpy(&n, b.data(), 4);
+       b.insert(b.end(), b.begin() + 4, b.begin() + 4 + kEntry);  // entry 0 twice
+       n += 1;
+       std::memcpy(b.data(), &n, 4);
+       d.set_blob(RTR_ROOT_ID, b);
+       int64_t child;
+       std::memcpy(&child, b.data() + 4, 8);
+       return child;
+     },
+     "twice"},
+    {"EmptyNonRootNode",
+     [](CheckTest& t) {
+       auto& d = t;
+       int64_t leaf = d.first_leaf();
+       d.sql("UPDATE \"MDRT$t\" SET cells = X'00000000' WHERE rowid = " + std::to_string(leaf));
+       return leaf;
+     },
+     "no entries"},
+};
+
+TEST_P(DamageTest, IsReportedAtItsNode) {
+  const int64_t at = GetParam().damage(*this);
+  if (HasFatalFailure()) return;
+  zqcheck::CheckResult res = check();
+  EXPECT_FALSE(res.ok);
+  EXPECT_EQ(res.node_id, at) << res.message;
+  EXPECT_NE(res.message.find(GetParam().says), std::string::npos) << res.message;
+}
+
+INSTANTIATE_TEST_SUITE_P(Check, DamageTest, testing::ValuesIn(kDamages),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
