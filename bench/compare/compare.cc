@@ -485,6 +485,14 @@ std::string chart(const std::vector<Result>& results) {
   const int legend_h = 20 + 16 * static_cast<int>(results.size());
   const int width = cols * panel_w + 20, height = 40 + legend_h + rows * panel_h;
   const double lo = -2, hi = 3;  // log10 of 0.01× .. 1000×
+  // Query panels are named by the first workload's selectivities.
+  auto title = [&](const Metric& m) {
+    const std::string key = m.key;
+    if (key.rfind("q_per_s.", 0) != 0 || results.empty()) return std::string(m.title);
+    const size_t set = std::stoul(key.substr(8));
+    if (set >= results[0].sels.size()) return std::string(m.title);
+    return "queries/s, " + sel_name(results[0].sels[set]) + " windows";
+  };
   auto x_of = [&](double v) {
     const double l = std::clamp(std::log10(v), lo, hi);
     return label_w + (l - lo) / (hi - lo) * plot_w;
@@ -507,7 +515,7 @@ std::string chart(const std::vector<Result>& results) {
     const Metric& m = kMetrics[p];
     const int ox = 10 + (p % cols) * panel_w, oy = 40 + legend_h + (p / cols) * panel_h;
     s << "<g transform=\"translate(" << ox << "," << oy << ")\">\n"
-      << "<text x=\"" << label_w << "\" y=\"14\" font-size=\"13\">" << xml(m.title) << "</text>\n";
+      << "<text x=\"" << label_w << "\" y=\"14\" font-size=\"13\">" << xml(title(m)) << "</text>\n";
     const int top = 24, bottom = top + static_cast<int>(labels.size()) * line_h;
     for (int t = static_cast<int>(lo); t <= static_cast<int>(hi); ++t) {
       const double x = x_of(std::pow(10.0, t));
@@ -520,7 +528,9 @@ std::string chart(const std::vector<Result>& results) {
     for (size_t l = 0; l < labels.size(); ++l) {
       const int ly = top + static_cast<int>(l) * line_h;
       s << "<text x=\"" << label_w - 6 << "\" y=\"" << ly + line_h / 2 + 3
-        << "\" text-anchor=\"end\">" << xml(labels[l]) << "</text>\n";
+        << "\" text-anchor=\"end\""
+        << (labels[l].rfind("zqrtree", 0) == 0 ? " font-weight=\"bold\"" : "") << ">"
+        << xml(labels[l]) << "</text>\n";
       for (size_t w = 0; w < results.size(); ++w) {
         const Result& r = results[w];
         if (r.base == SIZE_MAX) continue;
