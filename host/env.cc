@@ -16,6 +16,7 @@
 zq_env::zq_env() {
   zqhost::list_init(&blocks);
   zqhost::list_init(&heaps);
+  spare_heaps.reserve(zqhost::kMaxSpareHeaps);
 }
 
 namespace {
@@ -32,6 +33,7 @@ void free_leftovers(zq_env* env) {
     auto* hdr = reinterpret_cast<zqhost::BlockHdr*>(env->blocks.next);
     zqhost::free_block(hdr + 1);
   }
+  zqhost::free_spare_heaps(env);
 }
 
 }  // namespace

@@ -92,6 +92,15 @@ struct FreeClass {  // a pool's freed blocks of one exact size
 };
 inline constexpr int kFreeClasses = 8;
 
+enum HeapOrigin : uint8_t {
+  kHeapMalloc,  // header and first chunk in one malloc'ed block
+  kHeapStack,   // header at the start of the caller's stack area
+  kHeapSpare,   // a malloc'ed block the env keeps for reuse
+  kHeapPool,    // inside a pool object
+};
+inline constexpr size_t kSpareHeapInline = 2048;  // first-chunk size of reusable heaps
+inline constexpr size_t kMaxSpareHeaps = 4;
+
 // ---- fault injection settings of an env ----
 struct Faults {
   uint64_t allocs = 0;         // counted allocations since reset
@@ -113,6 +122,8 @@ void* alloc_block(zq_env* env, size_t size);
 void free_block(void* ptr);
 // Frees a heap or pool and every block taken from it.
 void heap_destroy(zq_heap* heap);
+// Frees the heap blocks the env kept for reuse.
+void free_spare_heaps(zq_env* env);
 // Counts one allocation; true when fault injection says it must fail.
 bool alloc_fails(zq_env* env);
 // The raise point of every raise-capable call: counts it when `ptx` is open
@@ -296,6 +307,7 @@ struct zq_env {
   zq_ptx* active_ptx = nullptr;       // innermost open mini-transaction
   zqhost::Link blocks;                // every live block
   zqhost::Link heaps;                 // every live heap and pool
+  std::vector<void*> spare_heaps;     // freed heap blocks kept for the next scratch heap
   uint64_t n_live = 0;
   zqhost::Faults faults;
   uint64_t insert_failed_notices = 0;
@@ -313,6 +325,7 @@ struct zq_heap {
   size_t next_chunk;
   size_t max_chunk;
   zq_memobj* pool_obj;  // the pool object owning this heap; null for a scratch heap
+  uint8_t origin;       // where the header lives: zqhost::HeapOrigin
   zqhost::FreeClass free_classes[zqhost::kFreeClasses];
   char name[48];
 };

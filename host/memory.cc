@@ -5,7 +5,10 @@
 // zqenv_live_allocs can tell what is still held and zqenv_destroy can free
 // what a failure path left behind. A heap is a bump arena of malloc'ed chunks
 // whose first chunk may be the caller's stack area; only its latest block can
-// be given back early. A pool is a heap whose blocks carry their size, so a
+// be given back early. A scratch heap made on a stack area big enough keeps
+// its header there as well, and the env keeps a few freed heap blocks for
+// the next scratch heap, so the library's per-operation heaps cost no malloc
+// once warm. A pool is a heap whose blocks carry their size, so a
 // freed block is reused by the next allocation of the same size; its blocks
 // are handed out zero-filled.
 //
@@ -27,6 +30,7 @@ constexpr size_t kAlign = 16;
 constexpr size_t kScratchMaxChunk = 64 * 1024;
 constexpr size_t kPoolFirstChunk = 64 * 1024;
 constexpr size_t kMinChunk = 1024;
+constexpr size_t kMinStackRegion = 256;  // a stack area must leave this much after the header
 
 constexpr size_t round_up(size_t n) {
   return (n + kAlign - 1) & ~(kAlign - 1);
@@ -168,12 +172,30 @@ void heap_destroy(zq_heap* heap) {
     c = next;
   }
   list_remove(&heap->link);
-  --heap->env->n_live;
-  if (heap->pool_obj != nullptr) {
-    std::free(reinterpret_cast<uint8_t*>(heap) - offsetof(PoolBlock, heap));
-  } else {
-    std::free(heap);
+  zq_env* env = heap->env;
+  --env->n_live;
+  switch (heap->origin) {
+    case kHeapPool:
+      std::free(reinterpret_cast<uint8_t*>(heap) - offsetof(PoolBlock, heap));
+      return;
+    case kHeapStack:
+      return;
+    case kHeapSpare:
+      if (env->spare_heaps.size() < env->spare_heaps.capacity()) {
+        env->spare_heaps.push_back(heap);
+        return;
+      }
+      std::free(heap);
+      return;
+    default:
+      std::free(heap);
+      return;
   }
+}
+
+void free_spare_heaps(zq_env* env) {
+  for (void* p : env->spare_heaps) std::free(p);
+  env->spare_heaps.clear();
 }
 
 }  // namespace zqhost
@@ -191,13 +213,33 @@ void mem_free(zq_env*, void* ptr) {
 
 zq_heap* mem_heap_create_low2(zq_env* env, void* stack_area, uint32_t init_size, const char*, int) {
   if (env == nullptr || zqhost::alloc_fails(env)) return nullptr;
-  size_t inline_size = stack_area != nullptr ? 0 : init_size;
-  auto* raw = static_cast<uint8_t*>(std::malloc(kHeapHdr + inline_size));
+  uint8_t* raw = nullptr;
+  size_t inline_size = 0;
+  uint8_t origin = zqhost::kHeapMalloc;
+  if (stack_area != nullptr && init_size >= kHeapHdr + kMinStackRegion) {
+    // The header lives in the caller's area too: such a heap costs no malloc.
+    raw = reinterpret_cast<uint8_t*>(round_up(reinterpret_cast<uintptr_t>(stack_area)));
+    origin = zqhost::kHeapStack;
+  } else if (stack_area == nullptr && init_size <= zqhost::kSpareHeapInline) {
+    inline_size = zqhost::kSpareHeapInline;
+    origin = zqhost::kHeapSpare;
+    if (!env->spare_heaps.empty()) {
+      raw = static_cast<uint8_t*>(env->spare_heaps.back());
+      env->spare_heaps.pop_back();
+    }
+  } else if (stack_area == nullptr) {
+    inline_size = init_size;
+  }
+  if (raw == nullptr) raw = static_cast<uint8_t*>(std::malloc(kHeapHdr + inline_size));
   if (raw == nullptr) return nullptr;
   auto* heap = reinterpret_cast<zq_heap*>(raw);
   size_t first = std::max<size_t>(init_size, kMinChunk);
   heap_init(heap, env, std::min(first * 2, kScratchMaxChunk), kScratchMaxChunk);
-  if (stack_area != nullptr) {
+  heap->origin = origin;
+  if (origin == zqhost::kHeapStack) {
+    size_t used = static_cast<size_t>(raw - static_cast<uint8_t*>(stack_area)) + kHeapHdr;
+    heap_set_region(heap, raw + kHeapHdr, init_size - used);
+  } else if (stack_area != nullptr) {
     heap_set_region(heap, static_cast<uint8_t*>(stack_area), init_size);
   } else {
     heap_set_region(heap, raw + kHeapHdr, inline_size);
@@ -232,6 +274,7 @@ zq_memobj* rt_memobj_mem2_pool_create_low(zq_env* env, uint32_t, const char* nam
   heap_init(&pb->heap, env, std::min(max_chunk, kPoolFirstChunk), max_chunk);
   heap_set_region(&pb->heap, nullptr, 0);
   pb->heap.pool_obj = &pb->obj;
+  pb->heap.origin = zqhost::kHeapPool;
   if (name != nullptr) {
     std::strncpy(pb->heap.name, name, sizeof pb->heap.name - 1);
   }

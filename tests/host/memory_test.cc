@@ -132,9 +132,11 @@ TEST(MemoryLeaks, EnvDestroyFreesWhatFailurePathsLeft) {
 
 TEST_F(MemoryTest, ScratchHeapUsesTheStackAreaFirstThenGrows) {
   alignas(16) uint8_t area[2048];
+  zq_heap* heap = mem_heap_create_low2(env_, area, sizeof area, __FILE__, __LINE__);
+  auto* at = reinterpret_cast<uint8_t*>(heap);
+  EXPECT_TRUE(at >= area && at < area + sizeof area) << "a big enough area holds the heap itself";
   zq_memobj storage;
-  zq_memobj* obj = rt_memobj_create_ex(
-      env_, &storage, mem_heap_create_low2(env_, area, sizeof area, __FILE__, __LINE__));
+  zq_memobj* obj = rt_memobj_create_ex(env_, &storage, heap);
   ASSERT_EQ(obj, &storage);
   auto alloc = [&](size_t n) {
     return static_cast<uint8_t*>(obj->alloc(env_, obj->heap, n, "", 0));
@@ -156,6 +158,23 @@ TEST_F(MemoryTest, ScratchHeapUsesTheStackAreaFirstThenGrows) {
   EXPECT_NE(alloc(100), a);
   rt_memobj_destroy(env_, obj);
   EXPECT_EQ(obj->heap, nullptr);
+  EXPECT_EQ(zqenv_live_allocs(env_), 0u);
+}
+
+TEST_F(MemoryTest, FastHeapsAreRecycledAndStartClean) {
+  zq_memobj storage;
+  zq_memobj* first = rt_memobj_heap_create_fast_ex(env_, &storage, 2048, __FILE__, __LINE__);
+  zq_heap* heap = first->heap;
+  void* p = first->alloc(env_, first->heap, 3000, "", 0);  // grows past the first chunk
+  ASSERT_NE(p, nullptr);
+  rt_memobj_destroy(env_, first);
+  zq_memobj* again = rt_memobj_heap_create_fast_ex(env_, &storage, 2048, __FILE__, __LINE__);
+  EXPECT_EQ(again->heap, heap) << "the env kept the freed heap for the next one";
+  EXPECT_EQ(zqenv_live_allocs(env_), 1u);
+  auto* q = static_cast<uint8_t*>(again->alloc(env_, again->heap, 1500, "", 0));
+  auto* h = reinterpret_cast<uint8_t*>(heap);
+  EXPECT_TRUE(q > h && q < h + 2048 + 512) << "allocations start in the inline chunk again";
+  rt_memobj_destroy(env_, again);
   EXPECT_EQ(zqenv_live_allocs(env_), 0u);
 }
 
