@@ -115,15 +115,6 @@ TEST_F(CheckTest, SoundTreePassesWithExactStatistics) {
   rtr_mem_destroy(env_, h);
 }
 
-TEST_F(CheckTest, EmptyRootLeafIsSound) {
-  sql("DELETE FROM \"MDRT$t\" WHERE rowid <> 1");
-  sql("UPDATE \"MDRT$t\" SET level = 0, cells = X'00000000' WHERE rowid = 1");
-  zqcheck::TreeStats stats;
-  ASSERT_TRUE(zqcheck::check_tree(sess_, "main", "t", 2, &stats).ok);
-  EXPECT_EQ(stats.height, 1u);
-  EXPECT_EQ(stats.entries, 0u);
-}
-
 // One kind of damage: `damage` edits the table and returns the node at which
 // the checker must report it; the message must mention `says`.
 struct Damage {
@@ -214,13 +205,6 @@ const Damage kDamages[] = {
        return leaf;
      },
      "exceeds 51"},
-    {"BlobWithoutCount",
-     [](CheckTest& t) {
-       auto& d = t;
-       d.sql("UPDATE \"MDRT$t\" SET cells = X'0100' WHERE rowid = 1");
-       return int64_t{RTR_ROOT_ID};
-     },
-     "corrupt"},
     {"CellsNotABlob",
      [](CheckTest& t) {
        auto& d = t;

@@ -113,6 +113,41 @@ TEST_P(SplitTest, RootSplitKeepsNodeOneAndDividesByTheScratchBoxRule) {
 INSTANTIATE_TEST_SUITE_P(Quirk, SplitTest, testing::ValuesIn(kSplitCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
+TEST_F(QuirkTest, WideningTheAncestorsLeavesTheRootPinned) {
+  build(2, {{{1, box2(0, 0, 1, 1)}, {2, box2(2, 2, 3, 3)}}, {{3, box2(8, 8, 9, 9)}}});
+  const uint32_t before = peek(RTR_ROOT_ID)->ref_count;
+  ASSERT_EQ(insert(4, box2(0, 0, 4, 4)), 0);
+  ASSERT_EQ(insert(5, box2(0, 0, 5, 5)), 0);
+  // One pin more per insertion: the topmost node of the walk is not released.
+  EXPECT_EQ(rtr_node_hash_lookup(rtr_, RTR_ROOT_ID)->ref_count, before + 2);
+  EXPECT_EQ(peek(RTR_ROOT_ID)->cells[0].rect.max0, 5.0);
+}
+
+// ---- the unstable merge sorts ----
+
+TEST(SortTest, EqualKeysComeRightPartFirst) {
+  // Axis k's (min, max): 0 (1,5), 1 (1,3), 2 (0,9), 3 (1,3). A stable sort
+  // would give 2 1 3 0; taking the right part first on a tie gives 2 3 1 0.
+  const double mm[4][2] = {{1, 5}, {1, 3}, {0, 9}, {1, 3}};
+  for (uint32_t axis = 0; axis < 3; ++axis) {
+    rtr_cell cells[4] = {};
+    for (int i = 0; i < 4; ++i) {
+      double* mins[3] = {&cells[i].rect.min0, &cells[i].rect.min1, &cells[i].rect.min2};
+      double* maxs[3] = {&cells[i].rect.max0, &cells[i].rect.max1, &cells[i].rect.max2};
+      *mins[axis] = mm[i][0];
+      *maxs[axis] = mm[i][1];
+      *mins[(axis + 1) % 3] = 10 - i;  // another axis in the opposite order
+    }
+    uint32_t idx[4] = {0, 1, 2, 3}, tmp[4];
+    rtr_sort_by_dimension(nullptr, idx, 4, axis, cells, tmp);
+    EXPECT_EQ(std::vector<uint32_t>(idx, idx + 4), (std::vector<uint32_t>{2, 3, 1, 0})) << axis;
+  }
+  const double dist[4] = {1, 0, 1, 0};
+  uint32_t idx[4] = {0, 1, 2, 3}, tmp[2];
+  rtr_sort_by_distance(idx, 4, dist, tmp);
+  EXPECT_EQ(std::vector<uint32_t>(idx, idx + 4), (std::vector<uint32_t>{3, 1, 2, 0}));
+}
+
 // ---- forced reinsertion ----
 
 TEST_F(QuirkTest, ReinsertionKeeps49AndPlacesTheFarthest3NearestFirst) {
