@@ -24,8 +24,8 @@ constexpr uint32_t kMinGroup = 2;  // each side of a split keeps at least this m
 
 // The state of one rtr_split_node call.
 struct Split {
-  zq_env* env;
-  rtr_mem* rtr;
+  zq_env* env;                        // the caller's environment
+  rtr_mem* rtr;                       // the handle
   rtr_node* node;                     // the full node (pinned by the caller)
   const rtr_cell* cell;               // the entry that did not fit
   uint32_t level;                     // the node's level
@@ -124,9 +124,9 @@ int32_t finish(Split& s, int32_t rc) {
 
 // The state of one rtr_split_node_star_tree call.
 struct Choice {
-  rtr_mem* rtr;
-  const rtr_cell* cells;
-  uint32_t n;
+  rtr_mem* rtr;            // the handle: dimension count and node edits
+  const rtr_cell* cells;   // the entries to divide
+  uint32_t n;              // their number
   uint32_t axes;           // axes with an order of their own
   uint32_t** order;        // per axis: entry indices sorted on that axis
   uint32_t* merge;         // one merge buffer for every sort
