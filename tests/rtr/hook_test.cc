@@ -11,59 +11,40 @@
 
 namespace {
 
-// Twelve distinct functions per set N, one for each slot's type.
-template <int N>
-uint16_t tag(const zq_recdesc*) {
-  return N;
-}
-template <int N>
-int32_t visible(zq_env*, zq_session*, const zq_nrec*) {
-  return N;
-}
-template <int N>
-int32_t version(zq_env*, zq_memobj*, zq_session*, const zq_recdesc*, const zq_nrec*, const zq_nrec*,
-                zq_fillinfo*, int32_t*) {
-  return N;
-}
-template <int N>
-int32_t del(zq_ptx*, zq_session*, zq_table*, zq_index*, const zq_recdesc*, zq_key*, uint16_t,
-            uint64_t, const zq_nrec*) {
-  return N;
-}
-template <int N>
-int32_t ins(zq_ptx*, zq_session*, zq_table*, zq_index*, const zq_recdesc*, zq_row*, zq_key*,
-            uint16_t, uint32_t) {
-  return N;
-}
-template <int N>
-int32_t upd_fixed(zq_ptx*, zq_session*, zq_table*, zq_index*, const zq_recdesc*, zq_key*,
-                  zq_fillinfo*, zq_fillinfo*, uint16_t, uint64_t, nbtr_cur*) {
-  return N;
-}
-template <int N>
-int32_t upd_unfixed(zq_ptx*, zq_session*, zq_table*, zq_index*, const zq_recdesc*, zq_key*, zq_row*,
-                    zq_fillinfo*, uint16_t, uint64_t, nbtr_cur*) {
-  return N;
-}
-template <int N>
-void failed(zq_env*, int32_t) {}
+// Twelve distinct functions per set N. They are never called, so one
+// signature cast to each slot's type will do.
 template <int N, int Slot>
-void unused() {
+void marker() {
   static volatile int mark = N * 100 + Slot;
   (void)mark;
+}
+template <class Fn, int N, int Slot>
+Fn fn() {
+  return reinterpret_cast<Fn>(&marker<N, Slot>);
 }
 
 template <int N>
 rtr_hook expected_set() {
-  return rtr_hook{tag<N>,       visible<N>,   version<N>,     del<N>,
-                  ins<N>,       upd_fixed<N>, upd_unfixed<N>, unused<N, 7>,
-                  unused<N, 8>, unused<N, 9>, failed<N>,      unused<N, 11>};
+  return rtr_hook{fn<zq_get_row_tag_fn, N, 0>(),
+                  fn<zq_rec_is_visible_fn, N, 1>(),
+                  fn<zq_rec_read_visible_version_fn, N, 2>(),
+                  fn<zq_row_delete_fn, N, 3>(),
+                  fn<zq_row_insert_fn, N, 4>(),
+                  fn<zq_row_update_fixed_fn, N, 5>(),
+                  fn<zq_row_update_unfixed_fn, N, 6>(),
+                  fn<zq_unused_hook_fn, N, 7>(),
+                  fn<zq_unused_hook_fn, N, 8>(),
+                  fn<zq_unused_hook_fn, N, 9>(),
+                  fn<zq_row_insert_failed_fn, N, 10>(),
+                  fn<zq_unused_hook_fn, N, 11>()};
 }
 
 template <int N>
 rtr_hook* install_set() {
-  return rtr_hook_init(tag<N>, visible<N>, version<N>, del<N>, ins<N>, upd_fixed<N>, upd_unfixed<N>,
-                       unused<N, 7>, unused<N, 8>, unused<N, 9>, failed<N>, unused<N, 11>);
+  const rtr_hook h = expected_set<N>();
+  return rtr_hook_init(h.get_row_tag, h.rec_is_visible, h.rec_read_visible_version, h.row_delete,
+                       h.row_insert, h.row_update_fixed, h.row_update_unfixed, h.slot7, h.slot8,
+                       h.slot9, h.row_insert_failed, h.slot11);
 }
 
 bool same_table(const rtr_hook& a, const rtr_hook& b) {
