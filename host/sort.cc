@@ -105,8 +105,7 @@ struct zq_nsort {
   KeyDesc keys[kMaxKeys];
   uint32_t width;  // bytes of a packed row
 
-  uint64_t used;  // working memory held now
-  uint64_t peak;  // most working memory held at once
+  uint64_t used;  // working memory held now; its peak is kept by the pool
 
   uint8_t** chunks;     // table of max_chunks chunk pointers; null before the first put
   uint32_t max_chunks;  // chunks the budget has room for, entries included
@@ -131,7 +130,6 @@ void* work_alloc(zq_env* env, zq_nsort* s, uint64_t bytes) {
   void* p = mem_malloc_ex(env, bytes, __FILE__, __LINE__);
   if (p == nullptr) return nullptr;
   s->used += bytes;
-  s->peak = std::max(s->peak, s->used);
   if (s->pool != nullptr) s->pool->peak_bytes = std::max(s->pool->peak_bytes, s->used);
   return p;
 }

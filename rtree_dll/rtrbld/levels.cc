@@ -23,8 +23,8 @@ namespace {
 
 using namespace zqrtree::bld;
 
-// The slice buffer's allocation carries this fixed tag instead of __LINE__,
-// so engines that track allocations by tag keep seeing the same one; intended.
+// The slice buffer's allocation tag is this fixed line number, not __LINE__,
+// wherever the code moves; intended.
 constexpr int kSliceBufTag = 466;
 
 // Everything one call of rtr_crt_lvl passes down unchanged.
