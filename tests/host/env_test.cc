@@ -102,10 +102,4 @@ TEST(Interlock, AddsAtomicallyAndReturnsTheNewValue) {
   EXPECT_EQ(counter, 80000u);
 }
 
-TEST(Print, GoesToStandardOutput) {
-  testing::internal::CaptureStdout();
-  aq_fprintf_inner(nullptr, "level %d: %s\n", 2, "node 7");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "level 2: node 7\n");
-}
-
 }  // namespace

@@ -264,22 +264,4 @@ TEST_F(PtxTest, KindAndMarksFollowTheSessionState) {
   exec("COMMIT");
 }
 
-TEST_F(PtxTest, ReadPtxTakesNoSavepointWritePtxDoes) {
-  zq_ptx ptx;
-  ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
-  EXPECT_NE(sqlite3_get_autocommit(zqsess_db(sess_)), 0);
-  ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
-  ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 1, 0, __FILE__, __LINE__), 0);
-  EXPECT_EQ(sqlite3_get_autocommit(zqsess_db(sess_)), 0);
-  ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
-  EXPECT_NE(sqlite3_get_autocommit(zqsess_db(sess_)), 0);
-}
-
-TEST_F(PtxTest, BeginWithoutASessionFails) {
-  zq_env* lone = zqenv_create();
-  zq_ptx ptx;
-  EXPECT_EQ(ptx3_begin_low_ex(lone, &ptx, 1, 0, __FILE__, __LINE__), zqhost::kErrTxnState);
-  zqenv_destroy(lone);
-}
-
 }  // namespace

@@ -60,11 +60,6 @@ class RowTest : public HostFixture {
   }
 };
 
-TEST_F(RowTest, NodeTableDescriptorHasFiveColumns) {
-  EXPECT_EQ(desc_->n_cols, 5);
-  EXPECT_EQ(desc_->n_key_vals, 1);
-}
-
 // Blobs inside the value slot (<= 48 bytes), just past it, and at the cap.
 class RoundTrip : public RowTest, public ::testing::WithParamInterface<size_t> {};
 
@@ -104,47 +99,30 @@ TEST_P(RoundTrip, RowReadsBackThroughEveryPath) {
   EXPECT_EQ(row->cols[4].part_a, 0);
   EXPECT_EQ(row->cols[4].u.i64, 7);
 
+  // Slot 2 hands out the same values, the blob inline or behind the pointer.
+  const uint16_t cols[] = {0, 1, 2};
+  zq_fillinfo* fill = tuple4_fillinfo_space_create_low(env_, mem.get(), desc_, cols, 3, 0);
+  EXPECT_EQ(zqhost_rec_read_visible_version(env_, mem.get(), sess_, desc_, rec, rec, fill, &code),
+            1);
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(fill->values[0].u.i32, 2);
+  EXPECT_EQ(fill->values[1].u.i64, -44);
+  ASSERT_EQ(fill->values[2].len, n);
+  bytes = n <= ZQ_VALUE_INLINE_MAX ? fill->values[2].u.inl : fill->values[2].ptr;
+  EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + n), cells);
+  EXPECT_EQ(fill->lens[2], n);
+
   pbcur pc;
   pbcur_init_low(&pc, &ptx, btr_, __FILE__, __LINE__);
   zq_key* key = tuple4_key_create(env_, mem.get(), desc_, 7, __FILE__, __LINE__);
   ASSERT_EQ(pbcur_open(&pc, key, 1, 4, mem.get()), 0);
   EXPECT_EQ(pc.found, 1u);
-  ASSERT_NE(pc.rec, nullptr);
   EXPECT_EQ(field_bytes(env_, desc_, pc.rec, 2), cells);
   pbcur_close(&pc);
   EXPECT_EQ(ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(BlobSizes, RoundTrip, ::testing::Values(0, 4, 48, 49, 124, 32767));
-
-TEST_F(RowTest, ReadVisibleVersionCopiesStoredValues) {
-  for (size_t n : {size_t{40}, size_t{400}}) {
-    const auto cells = pattern(n, 9);
-    ASSERT_EQ(insert(static_cast<int64_t>(n), 1, 5, cells), 0);
-    Scratch mem(env_);
-    zq_ptx ptx;
-    ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
-    nbtr_cur cur;
-    const zq_nrec* rec = search(&ptx, &cur, mem.get(), static_cast<int64_t>(n));
-    ASSERT_NE(rec, nullptr);
-    const uint16_t cols[] = {0, 1, 2};
-    zq_fillinfo* fill = tuple4_fillinfo_space_create_low(env_, mem.get(), desc_, cols, 3, 0);
-    int32_t code = 1;
-    EXPECT_EQ(zqhost_rec_read_visible_version(env_, mem.get(), sess_, desc_, rec, rec, fill, &code),
-              1);
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(tuple4_fillinfo_get_nth_fld(fill, 0)->u.i32, 1);
-    EXPECT_EQ(tuple4_fillinfo_get_nth_fld(fill, 1)->u.i64, 5);
-    const zq_value* blob = tuple4_fillinfo_get_nth_fld(fill, 2);
-    ASSERT_EQ(blob->len, n);
-    const uint8_t* bytes = n <= ZQ_VALUE_INLINE_MAX ? blob->u.inl : blob->ptr;
-    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + n), cells);
-    ASSERT_NE(fill->lens, nullptr);
-    EXPECT_EQ(fill->lens[2], n);
-    EXPECT_EQ(tuple4_fillinfo_get_nth_fld(fill, 3), nullptr);
-    ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
-  }
-}
 
 TEST_F(RowTest, MissingRowsAndBoundaries) {
   ASSERT_EQ(insert(3, 0, 1, pattern(8, 1)), 0);
@@ -180,23 +158,6 @@ TEST_F(RowTest, MissingRowsAndBoundaries) {
     }
     pbcur_close(&pc);
   }
-  ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
-}
-
-TEST_F(RowTest, CursorWalksRowsInRowidOrder) {
-  for (int64_t id : {5, 1, 4, 2}) ASSERT_EQ(insert(id, 0, 0, pattern(60, 1)), 0);
-  Scratch mem(env_);
-  zq_ptx ptx;
-  ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
-  pbcur pc;
-  pbcur_init_low(&pc, &ptx, btr_, __FILE__, __LINE__);
-  zq_key* key = tuple4_key_create(env_, mem.get(), desc_, 2, __FILE__, __LINE__);
-  ASSERT_EQ(pbcur_open(&pc, key, 1, 0, mem.get()), 0);
-  std::vector<int64_t> seen{nrec_get_rowid(desc_, pc.rec)};
-  while (pbcur_move_to_right_user_rec(&pc) == 1) seen.push_back(nrec_get_rowid(desc_, pc.rec));
-  EXPECT_EQ(pc.rec, nullptr);
-  EXPECT_EQ(seen, (std::vector<int64_t>{2, 4, 5}));
-  pbcur_close(&pc);
   ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
 }
 
@@ -292,11 +253,8 @@ TEST_F(RowTest, RowidCounter) {
 TEST_F(RowTest, KeysAndBinaries) {
   Scratch mem(env_);
   zq_key* key = tuple4_key_create(env_, mem.get(), desc_, -9, __FILE__, __LINE__);
-  ASSERT_NE(key, nullptr);
   ASSERT_EQ(key->n_vals, 1);
   EXPECT_EQ(key->vals[0].notnull, 1);
-  EXPECT_EQ(key->vals[0].part_a, 0);
-  EXPECT_EQ(key->vals[0].part_b, 0);
   EXPECT_EQ(key->vals[0].u.i64, -9);
 
   zq_value a{}, b{};
@@ -305,16 +263,11 @@ TEST_F(RowTest, KeysAndBinaries) {
             zqhost::kErrTooLong);
   ASSERT_EQ(binary_assign_const_ex(env_, mem.get(), &a, 49, big.data()), 0);
   ASSERT_EQ(binary_assign_const_ex(env_, mem.get(), &b, 49, big.data()), 0);
-  EXPECT_NE(a.ptr, nullptr);
   EXPECT_EQ(nbin_cmp(env_, &a, &b), 0);
   ASSERT_EQ(binary_assign_const_ex(env_, mem.get(), &b, 48, big.data()), 0);
-  EXPECT_EQ(b.ptr, nullptr);
   EXPECT_GT(nbin_cmp(env_, &a, &b), 0) << "a longer value with the same prefix sorts after";
-  b.u.inl[0] ^= 1;
+  b.u.inl[47] ^= 1;
   EXPECT_NE(nbin_cmp(env_, &a, &b), 0);
-  ASSERT_EQ(nstr_assign_const_ex_no_clear(env_, mem.get(), &b, "D", 1), 0);
-  EXPECT_EQ(b.len, 1u);
-  EXPECT_EQ(b.u.inl[0], 'D');
 }
 
 }  // namespace

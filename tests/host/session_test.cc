@@ -109,33 +109,23 @@ TEST_F(SessionTest, ObjectsAreCachedUntilTheTableChanges) {
 
 TEST_F(SessionTest, TableWithoutSystemColumnGetsAVirtualOne) {
   exec("CREATE TABLE plain (a INTEGER, b BLOB)");
+  exec("INSERT INTO plain (rowid, a, b) VALUES (8, 1099511627776, x'616263')");
   ASSERT_NO_FATAL_FAILURE(find_table("plain"));
   EXPECT_EQ(desc_->n_cols, 4) << "a, b, the system column, rowid";
   zqhosttest::Scratch mem(env_);
-  zq_row* row = tuple4_space_create(env_, mem.get(), desc_);
-  row->cols[0].notnull = 1;
-  row->cols[0].u.i64 = 1LL << 40;
-  ASSERT_EQ(binary_assign_const_ex(env_, mem.get(), &row->cols[1], 3, "abc"), 0);
-  row->cols[2].notnull = 1;
-  row->cols[2].u.i64 = 99;  // not stored anywhere
-  zq_key* key = tuple4_key_create(env_, mem.get(), desc_, 8, __FILE__, __LINE__);
-  zq_ptx ptx;
-  ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 1, 0, __FILE__, __LINE__), 0);
-  ASSERT_EQ(zqhost_row_insert(&ptx, sess_, table_, index_, desc_, row, key, 0, 0), 0);
-  nbtr_cur cur;
-  nbtr_cur_init(&cur, btr_);
-  ASSERT_EQ(nbtr_cur_search(&ptx, &cur, 4, 4, key, 0, mem.get()), 0);
-  ASSERT_NE(cur.rec, nullptr);
-  int64_t v = 0;
-  nrec_copy_nth_field_data_lint64(env_, desc_, cur.rec, &v, 0, nullptr);
-  EXPECT_EQ(v, 1LL << 40);
-  nrec_copy_nth_field_data_lint64(env_, desc_, cur.rec, &v, 2, nullptr);
-  EXPECT_EQ(v, 0);
-  nrec_copy_nth_field_data_lint64(env_, desc_, cur.rec, &v, 3, nullptr);
-  EXPECT_EQ(v, 8);
-  EXPECT_EQ(zqhosttest::field_bytes(env_, desc_, cur.rec, 1),
-            (std::vector<uint8_t>{'a', 'b', 'c'}));
-  ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
+  pbcur pc;
+  pbcur_init_low(&pc, nullptr, btr_, __FILE__, __LINE__);
+  ASSERT_EQ(pbcur_open(&pc, tuple4_key_create(env_, mem.get(), desc_, 8, "", 0), 1, 4, mem.get()),
+            0);
+  ASSERT_EQ(pc.found, 1u);
+  int64_t v[4] = {};
+  for (uint16_t col : {0, 2, 3})
+    nrec_copy_nth_field_data_lint64(env_, desc_, pc.rec, &v[col], col, nullptr);
+  EXPECT_EQ(v[0], 1LL << 40);
+  EXPECT_EQ(v[2], 0);
+  EXPECT_EQ(v[3], 8);
+  EXPECT_EQ(zqhosttest::field_bytes(env_, desc_, pc.rec, 1), (std::vector<uint8_t>{'a', 'b', 'c'}));
+  pbcur_close(&pc);
 }
 
 TEST_F(SessionTest, UserTransactions) {
