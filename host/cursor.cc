@@ -45,10 +45,15 @@ sqlite3_stmt* borrow(Table* t, StmtKind kind, int* rc) {
     idle.pop_back();
     return st;
   }
-  sqlite3_stmt* st = table_prepare(t, seek_sql(t, kind), rc);
-  // Room to give it back later without allocating.
-  if (st != nullptr) idle.reserve(t->owned.size());
-  return st;
+  try {
+    sqlite3_stmt* st = table_prepare(t, seek_sql(t, kind), rc);
+    // Room to give it back later without allocating.
+    if (st != nullptr) idle.reserve(t->owned.size());
+    return st;
+  } catch (const std::bad_alloc&) {
+    *rc = SQLITE_NOMEM;
+    return nullptr;
+  }
 }
 
 void give_back(CurState* st) {
