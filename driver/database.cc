@@ -127,6 +127,12 @@ void Database::fail_alloc_nth(uint64_t nth) {
   zqfault_fail_alloc_nth(env_, nth);
 }
 
+void Database::fail_engine_nth(uint64_t nth) {
+  // The host reports a SQLite failure as its base code minus SQLite's code.
+  constexpr int32_t kHostIoError = -2200 - SQLITE_IOERR;
+  zqfault_raise_nth(env_, nth, nth == 0 ? 0 : kHostIoError, 0);
+}
+
 Status Database::list(std::vector<std::pair<std::string, int>>* out, const std::string& schema) {
   out->clear();
   if (!detail::table_exists(db(), schema, "zqrtree_catalog")) return Status::ok();
@@ -164,7 +170,9 @@ Status engine_failure(const Database& db, int32_t code, std::string_view what) {
   std::string trace(buf.data());
   zqenv_err_clear(db.env());
   std::string msg = std::string(what) + " failed (code " + std::to_string(code) + ")";
-  if (!trace.empty()) {
+  if (trace.empty()) {
+    msg += "; the error stack is empty";
+  } else {
     msg += "; error stack, innermost first:\n" + trace;
     while (!msg.empty() && msg.back() == '\n') msg.pop_back();
   }

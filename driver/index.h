@@ -142,8 +142,14 @@ class Database {
   Database& operator=(const Database&) = delete;
 
   void apply(const Settings& settings);
-  // Test-only diagnostic: the nth host allocation from now fails (0: off).
+  // Test-only diagnostics (0 switches them off). The nth host allocation
+  // from now fails; the library uses a few allocations untested on purpose
+  // (its handle, node hash and node buffers), so a failure landing on one of
+  // those stops the process instead of failing the operation.
   void fail_alloc_nth(uint64_t nth);
+  // The nth engine call inside a node-table mini-transaction from now fails
+  // with the host's code for a SQLite I/O error.
+  void fail_engine_nth(uint64_t nth);
 
   zq_env* env() const { return env_; }
   zq_session* session() const { return session_; }

@@ -103,6 +103,13 @@ std::string fill_problem(double fill) {
   return buf;
 }
 
+bool root_row_exists(const Index& index) {
+  detail::Stmt st(index.database()->db(),
+                  "SELECT 1 FROM " + detail::qualified(index.schema(), index.node_table()) +
+                      " WHERE rowid = 1");
+  return st.ok() && st.step() == SQLITE_ROW;
+}
+
 }  // namespace
 
 namespace detail {
@@ -132,6 +139,13 @@ Status rebuild_tree(
   const int32_t rc =
       rtr_blkload(db.env(), mem.get(), handle.get(), feeder.sorter(), feeder.count(), fill);
   if (rc < 0) return engine_failure(db, rc, "building the tree");
+  // The build does not report a failed move of its top node to node 1; the
+  // error stack does, and the root row must be there.
+  if (zqenv_err_count(db.env()) > 0)
+    return engine_failure(db, RTR_ERR_NOT_FOUND, "moving the new root to node 1");
+  if (!root_row_exists(index))
+    return Status::engine(RTR_ERR_NOT_FOUND,
+                          "building the tree left no root row in " + index.node_table());
   if (progress) progress("building", feeder.count(), feeder.count());
   return Status::ok();
 }

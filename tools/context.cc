@@ -29,11 +29,21 @@ zq::Status Context::open_index(const std::string& path, const std::string& name,
   return zq::Index::open(**db, name, index);
 }
 
+namespace {
+
+uint64_t setting(uint64_t from_option, const char* var) {
+  if (from_option != 0) return from_option;
+  const char* env = std::getenv(var);
+  return env != nullptr ? std::strtoull(env, nullptr, 10) : 0;
+}
+
+}  // namespace
+
 void Context::arm_faults(zq::Database& db) const {
-  uint64_t nth = opts.fault_alloc_nth;
-  if (const char* env = std::getenv("ZQRTREE_FAULT_ALLOC_NTH"); nth == 0 && env != nullptr)
-    nth = std::strtoull(env, nullptr, 10);
-  if (nth > 0) db.fail_alloc_nth(nth);
+  if (uint64_t n = setting(opts.fault_alloc_nth, "ZQRTREE_FAULT_ALLOC_NTH"); n > 0)
+    db.fail_alloc_nth(n);
+  if (uint64_t n = setting(opts.fault_engine_nth, "ZQRTREE_FAULT_ENGINE_NTH"); n > 0)
+    db.fail_engine_nth(n);
 }
 
 zq::Progress Context::progress() const {

@@ -37,8 +37,9 @@ class UsageError : public std::runtime_error {
 
 struct Options {
   bool quiet = false;
-  zq::Settings settings;         // from the command line; the environment fills the rest
-  uint64_t fault_alloc_nth = 0;  // diagnostic: fail the nth host allocation of the operation
+  zq::Settings settings;          // from the command line; the environment fills the rest
+  uint64_t fault_alloc_nth = 0;   // diagnostic: fail the nth host allocation of the operation
+  uint64_t fault_engine_nth = 0;  // diagnostic: fail its nth node-table engine call
 };
 
 class Context {

@@ -1,0 +1,523 @@
+// The driver against a brute-force model on real database files: every
+// operator after bulk loads, inserts, deletes and reloads in 1, 2 and 3
+// axes; bad input refused with nothing written; every allocation failure of
+// an operation leaving the database exactly as it was.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+
+#include "check/check.h"
+#include "driver/db_dump.h"
+#include "driver/index.h"
+#include "tools/model.h"
+
+namespace {
+
+using zq::Box;
+using zq::Entry;
+using zq::Status;
+using Model = std::map<int64_t, Box>;
+
+// Integer corners on a small grid, so touching, equal and nested boxes are
+// common rather than rare.
+std::vector<Entry> random_entries(int dims, int64_t first_id, size_t n, uint64_t seed) {
+  std::mt19937_64 rng(seed);
+  std::uniform_int_distribution<int> pos(0, 60), len(0, 8);
+  std::vector<Entry> out;
+  for (size_t i = 0; i < n; ++i) {
+    Entry e;
+    e.id = first_id + static_cast<int64_t>(i);
+    for (int k = 0; k < dims; ++k) {
+      e.box.min[k] = pos(rng);
+      e.box.max[k] = e.box.min[k] + len(rng);
+    }
+    out.push_back(e);
+  }
+  return out;
+}
+
+const uint32_t kOps[] = {
+    0,
+    RTR_OP_INTERSECT,
+    RTR_OP_CONTAINS,
+    RTR_OP_WITHIN,
+    RTR_OP_EQUAL,
+    RTR_OP_ANY,
+    RTR_OP_WITHIN | RTR_OP_INTERSECT,
+    RTR_OP_CONTAINS | RTR_OP_INTERSECT,
+    RTR_OP_INTERSECT | RTR_OP_EQUAL,
+    RTR_OP_OR,
+    RTR_OP_OR | RTR_OP_ANY,
+    RTR_OP_OR | RTR_OP_EQUAL,
+    RTR_OP_OR | RTR_OP_WITHIN | RTR_OP_EQUAL,
+    RTR_OP_OR | RTR_OP_INTERSECT | RTR_OP_CONTAINS,
+};
+
+std::vector<int64_t> search(const zq::Index& index, uint32_t op, const Box& q) {
+  std::vector<int64_t> ids;
+  Status s = index.query(op, q, [&](const Entry& e) {
+    ids.push_back(e.id);
+    return true;
+  });
+  EXPECT_TRUE(s) << s.message();
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+std::vector<int64_t> expected(const Model& model, uint32_t op, const Box& q, int dims) {
+  std::vector<int64_t> ids;
+  for (const auto& [id, box] : model)
+    if (zqtool::model_matches(op, box, q, dims)) ids.push_back(id);
+  return ids;
+}
+
+class DriverTest : public ::testing::Test {
+ protected:
+  void SetUp() override { open(); }
+
+  void open() {
+    db_.reset();
+    Status s = zq::Database::open(path_, true, &db_);
+    ASSERT_TRUE(s) << s.message();
+  }
+
+  zq::Index create(int dims, const std::string& name = "t") {
+    zq::Index index;
+    Status s = zq::Index::create(*db_, name, dims, &index);
+    EXPECT_TRUE(s) << s.message();
+    return index;
+  }
+
+  // Every operator against windows, entries' own boxes and points.
+  void expect_matches_model(const zq::Index& index, const Model& model, uint64_t seed) {
+    const int dims = index.dims();
+    std::vector<Box> queries = {Box{}};
+    for (const Entry& e : random_entries(dims, 0, 6, seed)) queries.push_back(e.box);
+    size_t step = std::max<size_t>(1, model.size() / 4);
+    size_t i = 0;
+    for (const auto& [id, box] : model)
+      if (i++ % step == 0) queries.push_back(box);
+    for (const Box& q : queries)
+      for (uint32_t op : kOps)
+        ASSERT_EQ(search(index, op, q), expected(model, op, q, dims))
+            << "op " << zq::op_name(op) << " dims " << dims;
+  }
+
+  void expect_sound(const zq::Index& index) {
+    std::string problem;
+    ASSERT_TRUE(index.verify_base(&problem));
+    EXPECT_EQ(problem, "");
+    zqcheck::CheckResult r;
+    Status s = index.with_read_handle([&](rtr_mem* rtr) {
+      r = zqcheck::check_search(db_->env(), rtr, "main", index.name().c_str());
+      return Status::ok();
+    });
+    ASSERT_TRUE(s) << s.message();
+    EXPECT_TRUE(r.ok) << "node " << r.node_id << ": " << r.message;
+  }
+
+  zqtest::TempDir dir_;
+  std::string path_ = dir_.file("t.db");
+  std::unique_ptr<zq::Database> db_;
+};
+
+class DriverDims : public DriverTest, public ::testing::WithParamInterface<int> {};
+
+// One index through its whole life, checked against the model after each step.
+TEST_P(DriverDims, LifecycleMatchesModel) {
+  const int dims = GetParam();
+  zq::Index index = create(dims);
+  Model model;
+  expect_matches_model(index, model, 1);  // the empty root leaf
+
+  std::vector<Entry> first = random_entries(dims, 1, 2500, 11);
+  zq::VectorSource src(first);
+  ASSERT_TRUE(index.load(src, {}));
+  for (const Entry& e : first) model[e.id] = e.box;
+  expect_sound(index);
+  expect_matches_model(index, model, 2);
+
+  std::vector<Entry> more = random_entries(dims, 5001, 400, 12);
+  ASSERT_TRUE(index.insert(more));
+  for (const Entry& e : more) model[e.id] = e.box;
+  expect_sound(index);
+
+  int64_t n = 0;
+  for (auto it = model.begin(); it != model.end() && n < 300; ++n) {
+    Status s = n % 2 == 0 ? index.remove(it->first) : index.remove(it->first, it->second);
+    ASSERT_TRUE(s) << s.message();
+    it = model.erase(it);
+    std::advance(it, 3);
+  }
+  expect_sound(index);
+  expect_matches_model(index, model, 3);
+
+  // A load without --replace rebuilds from the current entries plus the new.
+  std::vector<Entry> extra = random_entries(dims, 9001, 700, 13);
+  zq::VectorSource extra_src(extra);
+  ASSERT_TRUE(index.load(extra_src, zq::LoadOptions{1.0, false, {}}));
+  for (const Entry& e : extra) model[e.id] = e.box;
+  expect_sound(index);
+  expect_matches_model(index, model, 4);
+
+  std::vector<Entry> fresh = random_entries(dims, 1, 300, 14);
+  zq::VectorSource fresh_src(fresh);
+  ASSERT_TRUE(index.load(fresh_src, zq::LoadOptions{0.3, true, {}}));
+  model.clear();
+  for (const Entry& e : fresh) model[e.id] = e.box;
+  expect_sound(index);
+  uint64_t count = 0;
+  ASSERT_TRUE(index.count(&count));
+  EXPECT_EQ(count, 300u);
+
+  // Everything is on disk: a new session sees the same index.
+  open();
+  zq::Index again;
+  ASSERT_TRUE(zq::Index::open(*db_, "t", &again));
+  EXPECT_EQ(again.dims(), dims);
+  expect_matches_model(again, model, 5);
+}
+
+INSTANTIATE_TEST_SUITE_P(Axes, DriverDims, ::testing::Values(1, 2, 3));
+
+// The library's cursor compares two axes; answers must still be exact in 3-D.
+TEST_F(DriverTest, ThirdAxisDecidesIn3D) {
+  zq::Index index = create(3);
+  std::vector<Entry> stack;
+  for (int64_t i = 0; i < 60; ++i)
+    stack.push_back(Entry{i + 1, Box{{0, 0, i * 10.0}, {5, 5, i * 10.0 + 4}}});
+  ASSERT_TRUE(index.insert(stack));
+  EXPECT_EQ(search(index, RTR_OP_EQUAL, stack[17].box), std::vector<int64_t>{18});
+  EXPECT_EQ(search(index, RTR_OP_INTERSECT, Box{{1, 1, 201}, {2, 2, 203}}),
+            std::vector<int64_t>{21});
+  EXPECT_EQ(search(index, RTR_OP_WITHIN, Box{{0, 0, 0}, {5, 5, 24}}),
+            (std::vector<int64_t>{1, 2, 3}));
+  ASSERT_TRUE(index.remove(30));
+  EXPECT_TRUE(search(index, RTR_OP_EQUAL, stack[29].box).empty());
+  EXPECT_EQ(search(index, RTR_OP_EQUAL, stack[30].box), std::vector<int64_t>{31});
+  expect_sound(index);
+}
+
+// Bad input: a clear message naming the input, and not a byte written.
+TEST_F(DriverTest, BadInputIsRefusedAndChangesNothing) {
+  zq::Index index = create(2);
+  std::vector<Entry> base = random_entries(2, 1, 50, 21);
+  ASSERT_TRUE(index.insert(base));
+  const double nan = std::nan(""), inf = INFINITY;
+  struct Case {
+    const char* what;
+    std::function<Status()> run;
+    Status::Kind kind;
+    const char* message;
+  };
+  const std::vector<Case> cases = {
+      {"NaN",
+       [&] {
+         return index.insert(Entry{100, Box{{nan, 0}, {1, 1}}});
+       },
+       Status::Kind::kInvalid, "rowid 100: min0 is not a finite number"},
+      {"infinity",
+       [&] {
+         return index.insert(Entry{100, Box{{0, 0}, {1, inf}}});
+       },
+       Status::Kind::kInvalid, "max1 is not a finite number"},
+      {"min above max",
+       [&] {
+         return index.insert(Entry{100, Box{{0, 7}, {1, 3}}});
+       },
+       Status::Kind::kInvalid, "min1 7 is above max1 3"},
+      {"third axis in 2-D",
+       [&] {
+         return index.insert(Entry{100, Box{{0, 0, 1}, {1, 1, 2}}});
+       },
+       Status::Kind::kInvalid, "axis 2 is set but the index has 2 axes"},
+      {"duplicate of a stored rowid",
+       [&] {
+         return index.insert(Entry{7, Box{{0, 0}, {1, 1}}});
+       },
+       Status::Kind::kInvalid, "duplicate rowid 7 (already in index 't')"},
+      {"duplicate within a batch",
+       [&] {
+         std::vector<Entry> b = {{200, Box{{0, 0}, {1, 1}}}, {201, Box{}}, {200, Box{}}};
+         return index.insert(b);
+       },
+       Status::Kind::kInvalid, "entry 3 (rowid 200): duplicate rowid 200 in the input"},
+      {"bad entry late in a load",
+       [&] {
+         std::vector<Entry> b = random_entries(2, 300, 40, 22);
+         b[33].box.min[0] = b[33].box.max[0] + 1;
+         zq::VectorSource src(b);
+         return index.load(src, {});
+       },
+       Status::Kind::kInvalid, "entry 34 (rowid 333): min0"},
+      {"duplicate in a load",
+       [&] {
+         std::vector<Entry> b = {{400, Box{}}, {12, Box{}}};
+         zq::VectorSource src(b);
+         return index.load(src, {});
+       },
+       Status::Kind::kInvalid, "entry 2 (rowid 12): duplicate rowid 12"},
+      {"fill too small",
+       [&] {
+         zq::VectorSource src(base);
+         return index.load(src, zq::LoadOptions{0.02, true, {}});
+       },
+       Status::Kind::kInvalid, "fill factor 0.02"},
+      {"fill above 1",
+       [&] {
+         zq::VectorSource src(base);
+         return index.load(src, zq::LoadOptions{1.5, true, {}});
+       },
+       Status::Kind::kInvalid, "fill factor 1.5"},
+      {"delete of a missing rowid", [&] { return index.remove(999); }, Status::Kind::kNotFound,
+       "rowid 999 is not in index 't'"},
+      {"delete with another box",
+       [&] {
+         return index.remove(5, Box{{0, 0}, {1, 1}});
+       },
+       Status::Kind::kInvalid, "rowid 5: box [0, 1] x [0, 1] is not its stored box"},
+      {"search box min above max",
+       [&] {
+         return index.query(RTR_OP_INTERSECT, Box{{3, 0}, {1, 1}},
+                            [](const Entry&) { return true; });
+       },
+       Status::Kind::kInvalid, "search box: min0 3 is above max0 1"},
+      {"name of 124 bytes",
+       [&] {
+         zq::Index other;
+         return zq::Index::create(*db_, std::string(124, 'n'), 2, &other);
+       },
+       Status::Kind::kInvalid, "124 bytes long; at most 123"},
+      {"zero axes",
+       [&] {
+         zq::Index other;
+         return zq::Index::create(*db_, "u", 0, &other);
+       },
+       Status::Kind::kInvalid, "dimension count 0 is not 1, 2 or 3"},
+      {"existing index",
+       [&] {
+         zq::Index other;
+         return zq::Index::create(*db_, "t", 2, &other);
+       },
+       Status::Kind::kExists, "index 't' already exists"},
+      {"missing index",
+       [&] {
+         zq::Index other;
+         return zq::Index::open(*db_, "nope", &other);
+       },
+       Status::Kind::kNotFound, "no index 'nope' in"},
+  };
+  const std::string before = zqtest::dump_database(path_);
+  ASSERT_NE(before, "");
+  for (const Case& c : cases) {
+    Status s = c.run();
+    EXPECT_EQ(s.kind(), c.kind) << c.what << ": " << s.message();
+    EXPECT_NE(s.message().find(c.message), std::string::npos) << c.what << ": " << s.message();
+    EXPECT_EQ(zqtest::dump_database(path_), before) << c.what;
+  }
+  expect_sound(index);
+}
+
+TEST_F(DriverTest, NamesAtTheLimitAndQuotesWork) {
+  const std::string longest(123, 'x');
+  zq::Index a = create(1, longest);
+  zq::Index b = create(2, "we\"ird name");
+  ASSERT_TRUE(a.insert(Entry{1, Box{{2}, {3}}}));
+  ASSERT_TRUE(b.insert(Entry{1, Box{{2, 2}, {3, 3}}}));
+  EXPECT_EQ(search(a, RTR_OP_CONTAINS, Box{{2.5}, {2.5}}), std::vector<int64_t>{1});
+  EXPECT_EQ(search(b, RTR_OP_EQUAL, Box{{2, 2}, {3, 3}}), std::vector<int64_t>{1});
+  std::vector<std::pair<std::string, int>> all;
+  ASSERT_TRUE(db_->list(&all));
+  EXPECT_EQ(all.size(), 2u);
+}
+
+TEST_F(DriverTest, DropRemovesEverythingAndTheNameCanBeReused) {
+  zq::Index index = create(2);
+  ASSERT_TRUE(index.insert(random_entries(2, 1, 300, 31)));
+  ASSERT_TRUE(zq::Index::drop(*db_, "t"));
+  zq::Index gone;
+  EXPECT_EQ(zq::Index::open(*db_, "t", &gone).kind(), Status::Kind::kNotFound);
+  const std::string dump = zqtest::dump_database(path_);
+  EXPECT_EQ(dump.find("MDRT$t"), std::string::npos);
+  EXPECT_EQ(dump.find("t_boxes"), std::string::npos);
+
+  zq::Index again = create(2);
+  Model model;
+  for (const Entry& e : random_entries(2, 1, 80, 32)) {
+    ASSERT_TRUE(again.insert(e));
+    model[e.id] = e.box;
+  }
+  expect_sound(again);
+  expect_matches_model(again, model, 33);
+}
+
+TEST_F(DriverTest, MissingDatabaseIsNotCreated) {
+  std::unique_ptr<zq::Database> db;
+  const std::string missing = dir_.file("missing.db");
+  Status s = zq::Database::open(missing, false, &db);
+  EXPECT_EQ(s.kind(), Status::Kind::kNotFound);
+  EXPECT_NE(s.message().find("missing.db' does not exist"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(missing));
+}
+
+TEST_F(DriverTest, ScanStopsEarlyAndReportsOnlyRealHits) {
+  zq::Index index = create(2);
+  zq::Scan empty(index);
+  ASSERT_TRUE(empty.open(RTR_OP_OR | RTR_OP_ANY, Box{}));
+  EXPECT_TRUE(empty.at_end());
+
+  std::vector<Entry> entries = random_entries(2, 1, 500, 41);
+  ASSERT_TRUE(index.insert(entries));
+  int seen = 0;
+  ASSERT_TRUE(
+      index.query(RTR_OP_OR | RTR_OP_ANY, Box{}, [&](const Entry&) { return ++seen < 10; }));
+  EXPECT_EQ(seen, 10);
+  const Box q{{10, 10}, {30, 30}};
+  zq::Scan scan(index);
+  size_t hits = 0;
+  for (Status s = scan.open(RTR_OP_WITHIN, q); !scan.at_end(); s = scan.next()) {
+    ASSERT_TRUE(s) << s.message();
+    EXPECT_TRUE(zqtool::model_contains(q, scan.entry().box, 2));
+    ++hits;
+  }
+  Model model;
+  for (const Entry& e : entries) model[e.id] = e.box;
+  EXPECT_EQ(hits, expected(model, RTR_OP_WITHIN, q, 2).size());
+}
+
+TEST(DriverOps, ParseAndName) {
+  uint32_t op = 0;
+  std::string error;
+  ASSERT_TRUE(zq::parse_op("Within|EQUAL", true, &op, &error));
+  EXPECT_EQ(op, RTR_OP_OR | RTR_OP_WITHIN | RTR_OP_EQUAL);
+  EXPECT_EQ(zq::op_name(op), "or(within|equal)");
+  EXPECT_FALSE(zq::parse_op("within|", false, &op, &error));
+  EXPECT_NE(error.find("unknown operator ''"), std::string::npos);
+  EXPECT_FALSE(zq::parse_op("overlap", false, &op, &error));
+  EXPECT_NE(error.find("'overlap'"), std::string::npos);
+}
+
+// The operations every fault loop runs, each with the model's view of its
+// success.
+struct FaultOp {
+  const char* what;
+  std::function<Status(zq::Database&, zq::Index&)> run;
+  std::function<void(Model&)> apply;
+};
+
+std::vector<FaultOp> fault_ops() {
+  static const std::vector<Entry> batch = random_entries(2, 1001, 60, 52);
+  static const std::vector<Entry> reload = random_entries(2, 2001, 120, 53);
+  return {
+      {"insert", [](zq::Database&, zq::Index& i) { return i.insert(batch); },
+       [](Model& m) {
+         for (const Entry& e : batch) m[e.id] = e.box;
+       }},
+      {"delete", [](zq::Database&, zq::Index& i) { return i.remove(17); },
+       [](Model& m) { m.erase(17); }},
+      {"load",
+       [](zq::Database&, zq::Index& i) {
+         zq::VectorSource src(reload);
+         return i.load(src, {});
+       },
+       [](Model& m) {
+         for (const Entry& e : reload) m[e.id] = e.box;
+       }},
+      {"create",
+       [](zq::Database& db, zq::Index&) {
+         zq::Index other;
+         return zq::Index::create(db, "other", 3, &other);
+       },
+       [](Model&) {}},
+  };
+}
+
+class FaultTest : public DriverTest {
+ protected:
+  void SetUp() override {
+    DriverTest::SetUp();
+    index_ = create(2);
+    std::vector<Entry> v = random_entries(2, 1, 400, 51);
+    for (const Entry& e : v) model_[e.id] = e.box;
+    zq::VectorSource src(v);
+    ASSERT_TRUE(index_.load(src, {}));
+  }
+
+  // After a fault loop: the operation done once for real, and the index
+  // answering as the model says.
+  void expect_index_intact(const FaultOp& op) {
+    op.apply(model_);
+    expect_sound(index_);
+    expect_matches_model(index_, model_, 54);
+  }
+
+  zq::Index index_;
+  Model model_;
+};
+
+// Every engine call of an operation inside a node-table mini-transaction
+// fails in turn: the operation reports the engine's trace and the file is
+// byte for byte as before.
+TEST_F(FaultTest, EveryEngineFailureLeavesTheDatabaseAsItWas) {
+  for (const FaultOp& op : fault_ops()) {
+    int failures = 0;
+    for (uint64_t nth = 1; nth < 100000; ++nth) {
+      const std::string before = zqtest::dump_database(path_);
+      db_->fail_engine_nth(nth);
+      Status s = op.run(*db_, index_);
+      db_->fail_engine_nth(0);
+      if (s) break;
+      ++failures;
+      ASSERT_EQ(s.kind(), Status::Kind::kEngine) << op.what << ": " << s.message();
+      ASSERT_NE(s.message().find("error stack, innermost first:\n  code "), std::string::npos)
+          << s.message();
+      ASSERT_EQ(zqtest::dump_database(path_), before) << op.what << " failing at call " << nth;
+    }
+    EXPECT_GT(failures, 0) << op.what << " made no engine call";
+    expect_index_intact(op);
+  }
+}
+
+// Every allocation of an operation fails in turn, each in a child process:
+// the library uses a few allocations untested on purpose and then stops the
+// process, so the child either fails the operation cleanly (with a trace) or
+// dies; either way the file must be byte for byte as before.
+TEST_F(FaultTest, EveryAllocationFailureLeavesTheDatabaseAsItWas) {
+  for (const FaultOp& op : fault_ops()) {
+    db_.reset();  // a forked child must not share the parent's connection
+    int clean = 0, died = 0;
+    for (uint64_t nth = 1; nth < 100000; ++nth) {
+      const std::string before = zqtest::dump_database(path_);
+      const pid_t pid = fork();
+      ASSERT_GE(pid, 0);
+      if (pid == 0) {
+        std::unique_ptr<zq::Database> db;
+        zq::Index index;
+        if (!zq::Database::open(path_, false, &db) || !zq::Index::open(*db, "t", &index)) _exit(4);
+        db->fail_alloc_nth(nth);
+        Status s = op.run(*db, index);
+        if (s) _exit(0);
+        _exit(s.message().find("failed (code -") != std::string::npos ? 1 : 3);
+      }
+      int status = 0;
+      ASSERT_EQ(waitpid(pid, &status, 0), pid);
+      if (WIFEXITED(status) && WEXITSTATUS(status) == 0) break;
+      ASSERT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 1)
+          << op.what << " at allocation " << nth << ": exit " << WEXITSTATUS(status);
+      (WIFSIGNALED(status) ? died : clean)++;
+      ASSERT_EQ(zqtest::dump_database(path_), before) << op.what << " failing at " << nth;
+    }
+    EXPECT_GT(clean, 0) << op.what;
+    std::printf("%s: %d allocation failures handled, %d stopped the process\n", op.what, clean,
+                died);
+    open();
+    ASSERT_TRUE(zq::Index::open(*db_, "t", &index_));
+    expect_index_intact(op);
+  }
+}
+
+}  // namespace
