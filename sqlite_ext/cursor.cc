@@ -1,0 +1,266 @@
+// Scans: xOpen, xFilter (runs the plan xBestIndex chose), xNext, xEof,
+// xColumn, xRowid, xClose.
+//
+// The rowid and full-scan plans read the base table, which always holds the
+// current rows. The search plans walk the tree through the driver's Scan
+// (every hit rechecked on all axes); in deferred mode they skip hits whose
+// rowid has a pending change and then add the matching pending inserts.
+// Phases in order: kBase, or kTree then kPending; kDone at the end.
+#include <cfloat>
+#include <cmath>
+#include <memory>
+#include <string>
+
+#include "sqlite_ext/ext.h"
+
+namespace zqext {
+
+namespace {
+
+struct Cursor : sqlite3_vtab_cursor {
+  enum class Phase { kBase, kTree, kPending, kDone };
+
+  explicit Cursor(Table* t) : table(t) {}
+  ~Cursor() { sqlite3_value_free(op_arg); }
+
+  Table* table;
+  Phase phase = Phase::kDone;
+  Stmt base;
+  std::unique_ptr<zq::Scan> scan;
+  std::unique_ptr<PendingScan> pending;
+  zq::Entry entry;
+  uint32_t op = 0;
+  zq::Box query;
+  sqlite3_value* op_arg = nullptr;  // a table-valued search's operator, as given
+  bool has_args = false;
+  bool merge = false;  // deferred changes wait: skip stale hits, add pending inserts
+};
+
+Cursor* cursor_of(sqlite3_vtab_cursor* cur) {
+  return static_cast<Cursor*>(cur);
+}
+
+int cursor_fail(Cursor* c, const std::string& what) {
+  c->phase = Cursor::Phase::kDone;
+  return fail(c->pVtab, failure(*c->table, what));
+}
+
+// A number SQLite would compare as one (text that looks numeric counts).
+bool numeric(sqlite3_value* v, double* out) {
+  const int type = sqlite3_value_numeric_type(v);
+  if (type != SQLITE_INTEGER && type != SQLITE_FLOAT) return false;
+  *out = sqlite3_value_double(v);
+  return true;
+}
+
+std::string base_select(const Table& t) {
+  std::string cols = "id";
+  for (int k = 0; k < t.dims(); ++k)
+    cols += ", min" + std::to_string(k) + ", max" + std::to_string(k);
+  return "SELECT " + cols + " FROM " + quote(t.index.schema()) + "." + quote(t.index.base_table());
+}
+
+int step_base(Cursor* c) {
+  const int rc = c->base.step();
+  if (rc == SQLITE_DONE) {
+    c->phase = Cursor::Phase::kDone;
+    return SQLITE_OK;
+  }
+  if (rc != SQLITE_ROW)
+    return cursor_fail(
+        c, std::string("reading the base table: ") + sqlite3_errmsg(c->table->conn->db));
+  c->entry.id = c->base.int64(0);
+  for (int k = 0; k < c->table->dims(); ++k) {
+    c->entry.box.min[k] = c->base.real(1 + 2 * k);
+    c->entry.box.max[k] = c->base.real(2 + 2 * k);
+  }
+  return SQLITE_OK;
+}
+
+int start_base(Cursor* c, const Plan& plan, sqlite3_value** argv) {
+  const std::string sql =
+      base_select(*c->table) + (plan.kind == Plan::kRowid ? " WHERE id = ?1" : " ORDER BY id");
+  if (c->base.prepare(c->table->conn->db, sql) != SQLITE_OK)
+    return cursor_fail(
+        c, std::string("reading the base table: ") + sqlite3_errmsg(c->table->conn->db));
+  if (plan.kind == Plan::kRowid) {
+    // Only an integral number can equal a rowid.
+    double v = 0;
+    if (!numeric(argv[0], &v) || v != std::floor(v) || std::fabs(v) > 9.2e18) return SQLITE_OK;
+    c->base.bind(1, static_cast<int64_t>(sqlite3_value_int64(argv[0])));
+  }
+  c->phase = Cursor::Phase::kBase;
+  return step_base(c);
+}
+
+// The box and operator of a table-valued search, as the user gave them.
+int read_query_args(Cursor* c, sqlite3_value** argv) {
+  std::string error;
+  if (!parse_op_value(argv[0], &c->op, &error)) return cursor_fail(c, error);
+  c->op_arg = sqlite3_value_dup(argv[0]);
+  for (int j = 0; j < 2 * c->table->dims(); ++j) {
+    double v = 0;
+    const std::string which = (j % 2 == 0 ? "zq_min" : "zq_max") + std::to_string(j / 2);
+    if (!numeric(argv[1 + j], &v))
+      return cursor_fail(c, "search argument " + which + " is not a number");
+    (j % 2 == 0 ? c->query.min : c->query.max)[j / 2] = v;
+  }
+  c->has_args = true;
+  return SQLITE_OK;
+}
+
+// The INTERSECT box implied by the range constraints: open sides at the
+// extremes of the doubles, which every stored (finite) coordinate lies within.
+void read_range_args(Cursor* c, const Plan& plan, sqlite3_value** argv) {
+  c->op = RTR_OP_INTERSECT;
+  const int dims = c->table->dims();
+  for (int k = 0; k < dims; ++k) {
+    c->query.min[k] = -DBL_MAX;
+    c->query.max[k] = DBL_MAX;
+  }
+  int arg = 0;
+  for (int bit = 0; bit < 2 * dims; ++bit) {
+    if ((plan.slots & (1u << bit)) == 0) continue;
+    double v = 0;
+    // Text or NULL bounds nothing the tree can use; SQLite judges those rows.
+    if (!numeric(argv[arg++], &v)) continue;
+    v = std::fmax(-DBL_MAX, std::fmin(DBL_MAX, v));
+    (bit % 2 == 0 ? c->query.min : c->query.max)[bit / 2] = v;
+  }
+  for (int k = 0; k < dims; ++k) {
+    if ((plan.eq_copies & (1u << k)) != 0) c->query.max[k] = c->query.min[k];
+    // Bounds crossing over still admit entries that span the gap between them,
+    // and every such entry meets the box the two bounds enclose.
+    if (c->query.min[k] > c->query.max[k]) std::swap(c->query.min[k], c->query.max[k]);
+  }
+}
+
+int settle(Cursor* c) {
+  Table* t = c->table;
+  while (c->phase == Cursor::Phase::kTree) {
+    if (c->scan->at_end()) {
+      c->scan->close();
+      c->phase = c->merge ? Cursor::Phase::kPending : Cursor::Phase::kDone;
+      if (c->phase == Cursor::Phase::kPending) {
+        c->pending = std::make_unique<PendingScan>(t);
+        if (zq::Status s = c->pending->open(c->op, c->query); !s)
+          return cursor_fail(c, s.message());
+      }
+      break;
+    }
+    if (c->merge) {
+      zq::Status s;
+      const int stale = pending_deleted(t, c->scan->entry().id, &s);
+      if (!s) return cursor_fail(c, s.message());
+      if (stale == 1) {
+        if (s = c->scan->next(); !s) return cursor_fail(c, s.message());
+        continue;
+      }
+    }
+    c->entry = c->scan->entry();
+    return SQLITE_OK;
+  }
+  if (c->phase == Cursor::Phase::kPending) {
+    zq::Status s;
+    if (!c->pending->next(&c->entry, &s)) {
+      if (!s) return cursor_fail(c, s.message());
+      c->phase = Cursor::Phase::kDone;
+    }
+  }
+  return SQLITE_OK;
+}
+
+int start_tree(Cursor* c) {
+  Table* t = c->table;
+  c->merge = t->deferred() && has_pending(*t);
+  if (c->merge)
+    if (zq::Status s = ensure_pending(t); !s) return cursor_fail(c, s.message());
+  c->scan = std::make_unique<zq::Scan>(t->index);
+  if (zq::Status s = c->scan->open(c->op, c->query); !s) return cursor_fail(c, s.message());
+  c->phase = Cursor::Phase::kTree;
+  return settle(c);
+}
+
+}  // namespace
+
+int x_open(sqlite3_vtab* vtab, sqlite3_vtab_cursor** out) {
+  *out = new Cursor(static_cast<Table*>(vtab));
+  return SQLITE_OK;
+}
+
+int x_close(sqlite3_vtab_cursor* cur) {
+  delete cursor_of(cur);
+  return SQLITE_OK;
+}
+
+int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_value** argv) {
+  Cursor* c = cursor_of(cur);
+  Table* t = c->table;
+  c->scan.reset();
+  c->pending.reset();
+  c->base.prepare(nullptr, "");
+  sqlite3_value_free(c->op_arg);
+  c->op_arg = nullptr;
+  c->has_args = false;
+  c->query = zq::Box{};
+  const Plan plan = decode_plan(idx_num);
+  zqenv_err_clear(t->conn->database().env());
+  switch (plan.kind) {
+    case Plan::kScan:
+    case Plan::kRowid:
+      return start_base(c, plan, argv);
+    case Plan::kQuery:
+      if (int rc = read_query_args(c, argv); rc != SQLITE_OK) return rc;
+      return start_tree(c);
+    case Plan::kRange:
+      read_range_args(c, plan, argv);
+      return start_tree(c);
+  }
+  return cursor_fail(c, "unknown plan " + std::to_string(idx_num));
+}
+
+int x_next(sqlite3_vtab_cursor* cur) {
+  Cursor* c = cursor_of(cur);
+  switch (c->phase) {
+    case Cursor::Phase::kBase:
+      return step_base(c);
+    case Cursor::Phase::kTree:
+      if (zq::Status s = c->scan->next(); !s) return cursor_fail(c, s.message());
+      return settle(c);
+    case Cursor::Phase::kPending:
+      return settle(c);
+    case Cursor::Phase::kDone:
+      break;
+  }
+  return SQLITE_OK;
+}
+
+int x_eof(sqlite3_vtab_cursor* cur) {
+  return cursor_of(cur)->phase == Cursor::Phase::kDone ? 1 : 0;
+}
+
+int x_column(sqlite3_vtab_cursor* cur, sqlite3_context* ctx, int col) {
+  Cursor* c = cursor_of(cur);
+  const Table& t = *c->table;
+  if (col == 0) {
+    sqlite3_result_int64(ctx, c->entry.id);
+  } else if (col < t.op_column()) {
+    const int k = (col - 1) / 2;
+    sqlite3_result_double(ctx, (col - 1) % 2 == 0 ? c->entry.box.min[k] : c->entry.box.max[k]);
+  } else if (!c->has_args) {
+    sqlite3_result_null(ctx);
+  } else if (col == t.op_column()) {
+    sqlite3_result_value(ctx, c->op_arg);
+  } else {
+    const int j = col - t.first_arg_column();
+    sqlite3_result_double(ctx, j % 2 == 0 ? c->query.min[j / 2] : c->query.max[j / 2]);
+  }
+  return SQLITE_OK;
+}
+
+int x_rowid(sqlite3_vtab_cursor* cur, sqlite3_int64* rowid) {
+  *rowid = cursor_of(cur)->entry.id;
+  return SQLITE_OK;
+}
+
+}  // namespace zqext

@@ -1,0 +1,127 @@
+// The extension's entry point and its virtual table module.
+//
+// SQLite calls sqlite3_zqrtreeext_init once per connection that loads the
+// extension (".load zqrtree_ext" or load_extension()). It makes the
+// connection's Conn (the driver's Database wrapping the connection, the
+// undo journal), registers the module "zqrtree" owning that Conn, which
+// SQLite frees when the connection closes, and the SQL functions. Loading
+// twice into one connection keeps the first Conn.
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "sqlite_ext/ext.h"
+
+SQLITE_EXTENSION_INIT1
+
+namespace zqext {
+
+bool same_sqlite_library(const void* loader_function);
+
+namespace {
+
+int x_begin(sqlite3_vtab*) {
+  return SQLITE_OK;
+}
+
+// xBegin must be there for SQLite to call xSync, which applies deferred
+// changes. Everything a transaction touches lives in SQL tables and commits
+// or rolls back with them; the rollbacks only tell a deferred table that its
+// host table of pending changes may have been rolled away.
+const sqlite3_module kModule = {
+    .iVersion = 3,
+    .xCreate = x_create,
+    .xConnect = x_connect,
+    .xBestIndex = x_best_index,
+    .xDisconnect = x_disconnect,
+    .xDestroy = x_destroy,
+    .xOpen = x_open,
+    .xClose = x_close,
+    .xFilter = x_filter,
+    .xNext = x_next,
+    .xEof = x_eof,
+    .xColumn = x_column,
+    .xRowid = x_rowid,
+    .xUpdate = x_update,
+    .xBegin = x_begin,
+    .xSync = x_sync,
+    .xCommit = x_commit,
+    .xRollback = x_rollback,
+    .xFindFunction = nullptr,
+    .xRename = x_rename,
+    .xSavepoint = nullptr,
+    .xRelease = nullptr,
+    .xRollbackTo = x_rollback_to,
+    .xShadowName = x_shadow_name,
+};
+
+// The Conn of every connection the extension is loaded into.
+std::mutex g_mutex;
+std::map<sqlite3*, Conn*> g_conns;
+
+void destroy_conn(void* p) {
+  Conn* conn = static_cast<Conn*>(p);
+  {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    auto it = g_conns.find(conn->db);
+    if (it != g_conns.end() && it->second == conn) g_conns.erase(it);
+  }
+  delete conn;
+}
+
+int init(sqlite3* db, char** err) {
+  {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    if (g_conns.count(db) != 0) return SQLITE_OK;
+  }
+  Conn* raw = new Conn(db);
+  // From here the module owns the Conn: SQLite calls destroy_conn even when
+  // the registration itself fails.
+  int rc = sqlite3_create_module_v2(db, kModuleName, &kModule, raw, destroy_conn);
+  if (rc != SQLITE_OK) {
+    *err = sqlite3_mprintf("zqrtree: registering the module: %s", sqlite3_errmsg(db));
+    return rc;
+  }
+  {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_conns[db] = raw;
+  }
+  if ((rc = register_functions(raw)) != SQLITE_OK)
+    *err = sqlite3_mprintf("zqrtree: registering its functions: %s", sqlite3_errmsg(db));
+  return rc;
+}
+
+}  // namespace
+
+std::string Conn::open() {
+  if (database_ != nullptr) return "";
+  zq::Status s = zq::Database::wrap(db, &database_);
+  return s ? "" : s.message();
+}
+
+void Conn::close_if_idle() {
+  if (tables.empty()) database_.reset();
+}
+
+}  // namespace zqext
+
+extern "C" __attribute__((visibility("default"))) int sqlite3_zqrtreeext_init(
+    sqlite3* db, char** err, const sqlite3_api_routines* api) {
+  SQLITE_EXTENSION_INIT2(api);
+  if (!zqext::same_sqlite_library(reinterpret_cast<const void*>(api->libversion_number))) {
+    *err = sqlite3_mprintf(
+        "zqrtree: this program's SQLite is not the shared libsqlite3 the extension is linked "
+        "with; load it from a program that uses the system SQLite library");
+    return SQLITE_ERROR;
+  }
+  try {
+    return zqext::init(db, err);
+  } catch (const std::bad_alloc&) {
+    *err = sqlite3_mprintf("zqrtree: out of memory");
+    return SQLITE_NOMEM;
+  } catch (...) {
+    *err = sqlite3_mprintf("zqrtree: unexpected failure while loading");
+    return SQLITE_ERROR;
+  }
+}

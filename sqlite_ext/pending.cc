@@ -1,0 +1,343 @@
+// Deferred mode: changes wait outside the tree until the transaction commits
+// (xSync) or zqrtree_apply is called.
+//
+// Two records of a waiting change, both TEMP tables inside the caller's
+// transaction, so a rollback undoes them together with the base table:
+//  - the host's table of pending changes, which scans read through the
+//    library: 'D' rowid -> the tree's entry of that rowid is stale,
+//    'I' rowid -> the row's current box, not in the tree yet;
+//  - temp.zqrtree_touched, one row per rowid changed since the tree last
+//    took changes, with the tree's box of it if the tree holds one: the
+//    work list of the apply, which the host's table cannot be walked for.
+// The base table always holds the current rows. A rowid never touched has
+// the same box in the tree as in the base table; a touched rowid that exists
+// has a live 'I' row.
+//
+// Call order: set_deferred(on) -> (defer_insert | defer_remove)* and scans
+// (pending_deleted, PendingScan) -> apply_pending -> set_deferred(off).
+#include <string>
+
+#include "sqlite_ext/ext.h"
+#include "sqlite_ext/handle.h"
+#include "zqrtree/errors.h"
+#include "zqrtree/spt.h"
+#include "zqrtree/tree.h"
+
+namespace zqext {
+
+namespace {
+
+constexpr const char* kTouched = "zqrtree_touched";
+
+std::string create_touched(sqlite3* db) {
+  return exec(db, std::string("CREATE TEMP TABLE IF NOT EXISTS ") + kTouched +
+                      " (tab TEXT NOT NULL, rid INTEGER NOT NULL, in_tree INTEGER NOT NULL, "
+                      "min0 REAL, min1 REAL, min2 REAL, max0 REAL, max1 REAL, max2 REAL, "
+                      "UNIQUE (tab, rid))");
+}
+
+struct Touched {
+  bool found = false;
+  bool in_tree = false;
+  zq::Box tree_box;
+};
+
+zq::Status read_touched(Table* t, int64_t id, Touched* out) {
+  sqlite3* db = t->conn->db;
+  Stmt st(db, std::string("SELECT in_tree, min0, min1, min2, max0, max1, max2 FROM temp.") +
+                  kTouched + " WHERE tab = ?1 AND rid = ?2");
+  if (!st.ok())
+    return zq::Status::io(std::string("reading the pending changes: ") + sqlite3_errmsg(db));
+  st.bind(1, t->key()).bind(2, id);
+  const int rc = st.step();
+  *out = Touched{};
+  if (rc != SQLITE_ROW) return zq::Status::ok();
+  out->found = true;
+  out->in_tree = st.int64(0) != 0;
+  for (int k = 0; k < 3; ++k) {
+    out->tree_box.min[k] = st.real(1 + k);
+    out->tree_box.max[k] = st.real(4 + k);
+  }
+  return zq::Status::ok();
+}
+
+zq::Status write_touched(Table* t, int64_t id, bool in_tree, const zq::Box& box) {
+  sqlite3* db = t->conn->db;
+  Stmt st(db, std::string("INSERT INTO temp.") + kTouched +
+                  " (tab, rid, in_tree, min0, min1, min2, max0, max1, max2) VALUES (?1, ?2, ?3, "
+                  "?4, ?5, ?6, ?7, ?8, ?9)");
+  if (st.ok()) {
+    st.bind(1, t->key()).bind(2, id).bind(3, static_cast<int64_t>(in_tree ? 1 : 0));
+    for (int k = 0; k < 3; ++k) st.bind(4 + k, box.min[k]).bind(7 + k, box.max[k]);
+  }
+  if (!st.ok() || st.step() != SQLITE_DONE)
+    return zq::Status::io(std::string("recording a pending change: ") + sqlite3_errmsg(db));
+  return zq::Status::ok();
+}
+
+zq::Status put(Table* t, char flag, int64_t id, const zq::Box& box) {
+  const double six[6] = {box.min[0], box.min[1], box.min[2], box.max[0], box.max[1], box.max[2]};
+  zq::Database& db = t->conn->database();
+  const int32_t rc = zqtmp_put(db.session(), t->pending, flag, id, six);
+  if (rc < 0)
+    return engine_failure(db, rc,
+                          std::string("recording pending ") + (flag == 'D' ? "delete" : "insert") +
+                              " of rowid " + std::to_string(id));
+  return zq::Status::ok();
+}
+
+zq::Status mark_deleted(Table* t, char flag, int64_t id) {
+  zq::Database& db = t->conn->database();
+  const int32_t rc = zqtmp_mark_deleted(db.session(), t->pending, flag, id, 1);
+  if (rc < 0)
+    return engine_failure(db, rc,
+                          std::string("withdrawing pending ") +
+                              (flag == 'D' ? "delete" : "insert") + " of rowid " +
+                              std::to_string(id));
+  return zq::Status::ok();
+}
+
+// Makes (flag, id) absent for scans whether or not it was there.
+zq::Status withdraw(Table* t, char flag, int64_t id) {
+  if (zq::Status s = put(t, flag, id, zq::Box{}); !s) return s;
+  return mark_deleted(t, flag, id);
+}
+
+zq_btr* pending_btr(Table* t) {
+  zq::Database& db = t->conn->database();
+  return rtr_get_spt_tmp_tab_btr(db.env(), zqsess_tmptab_owner(db.session()), t->pending->id);
+}
+
+}  // namespace
+
+zq::Status defer_remove(Table* t, int64_t id, const zq::Box& box) {
+  Touched w;
+  if (zq::Status s = read_touched(t, id, &w); !s) return s;
+  if (w.found) return mark_deleted(t, 'I', id);  // it came from a pending insert
+  // First change of a row the tree holds with exactly this box.
+  if (zq::Status s = write_touched(t, id, true, box); !s) return s;
+  return put(t, 'D', id, box);
+}
+
+zq::Status defer_insert(Table* t, const zq::Entry& entry) {
+  Touched w;
+  if (zq::Status s = read_touched(t, entry.id, &w); !s) return s;
+  if (!w.found)
+    if (zq::Status s = write_touched(t, entry.id, false, zq::Box{}); !s) return s;
+  return put(t, 'I', entry.id, entry.box);
+}
+
+zq::Status resync_pending(Table* t, int64_t id) {
+  Touched w;
+  if (zq::Status s = read_touched(t, id, &w); !s) return s;
+  zq::Box box;
+  zq::Status found = t->index.lookup(id, &box);
+  if (!found && found.kind() != zq::Status::Kind::kNotFound) return found;
+  zq::Status s = w.found && w.in_tree ? put(t, 'D', id, w.tree_box) : withdraw(t, 'D', id);
+  if (!s) return s;
+  return w.found && found ? put(t, 'I', id, box) : withdraw(t, 'I', id);
+}
+
+std::string watch_pending(Table* t) {
+  if (std::string err = create_touched(t->conn->db); !err.empty()) return err;
+  return t->conn->journal.watch("temp", kTouched);
+}
+
+bool has_pending(const Table& t) {
+  if (!t.deferred()) return false;
+  Stmt st(t.conn->db, std::string("SELECT 1 FROM temp.") + kTouched + " WHERE tab = ?1 LIMIT 1");
+  return st.ok() && st.bind(1, t.key()).step() == SQLITE_ROW;
+}
+
+namespace {
+
+// Every touched rowid's tree entry out, every one that still exists back in
+// with its current box, through one writing handle flushed once.
+zq::Status move_into_tree(Table* t, uint64_t* applied) {
+  zq::Database& db = t->conn->database();
+  sqlite3* sql = t->conn->db;
+  Handle h(t->index, Handle::Mode::kWrite);
+  if (!h.status()) return h.status();
+  Stmt gone(sql, std::string("SELECT rid, min0, min1, min2, max0, max1, max2 FROM temp.") +
+                     kTouched + " WHERE tab = ?1 AND in_tree = 1");
+  if (!gone.ok()) return sql_failure(sql, "reading the pending deletes");
+  gone.bind(1, t->key());
+  int rc;
+  while ((rc = gone.step()) == SQLITE_ROW) {
+    const rtr_rect rect{gone.real(1), gone.real(2), gone.real(3),
+                        gone.real(4), gone.real(5), gone.real(6)};
+    const int32_t code = rtr_delete_by_rowid(db.env(), h.get(), gone.int64(0), &rect);
+    if (code < 0)
+      return engine_failure(db, code,
+                            "applying the delete of rowid " + std::to_string(gone.int64(0)));
+  }
+  if (rc != SQLITE_DONE) return sql_failure(sql, "reading the pending deletes");
+  std::string cols;
+  for (int k = 0; k < t->dims(); ++k)
+    cols += ", b.min" + std::to_string(k) + ", b.max" + std::to_string(k);
+  Stmt come(sql, "SELECT w.rid" + cols + " FROM temp." + std::string(kTouched) + " AS w JOIN " +
+                     quote(t->index.schema()) + "." + quote(t->index.base_table()) +
+                     " AS b ON b.id = w.rid WHERE w.tab = ?1");
+  if (!come.ok()) return sql_failure(sql, "reading the pending inserts");
+  come.bind(1, t->key());
+  *applied = 0;
+  while ((rc = come.step()) == SQLITE_ROW) {
+    zq::Box box;
+    for (int k = 0; k < t->dims(); ++k) {
+      box.min[k] = come.real(1 + 2 * k);
+      box.max[k] = come.real(2 + 2 * k);
+    }
+    const rtr_cell cell{come.int64(0), zq::to_rect(box)};
+    const int32_t code = rtr_insert(db.env(), h.get(), &cell);
+    if (code < 0)
+      return engine_failure(db, code, "applying the insert of rowid " + std::to_string(cell.id));
+  }
+  if (rc != SQLITE_DONE) return sql_failure(sql, "reading the pending inserts");
+  if (zq::Status s = h.flush(); !s) return s;
+  Stmt done(sql, std::string("DELETE FROM temp.") + kTouched + " WHERE tab = ?1");
+  if (!done.ok() || done.bind(1, t->key()).step() != SQLITE_DONE)
+    return sql_failure(sql, "clearing the applied changes");
+  *applied = static_cast<uint64_t>(sqlite3_changes(sql));
+  const int32_t code = zqtmp_clear(db.session(), t->pending);
+  if (code < 0) return engine_failure(db, code, "clearing the pending changes");
+  return zq::Status::ok();
+}
+
+}  // namespace
+
+zq::Status apply_pending(Table* t, uint64_t* applied) {
+  *applied = 0;
+  if (!has_pending(*t)) return zq::Status::ok();
+  if (zq::Status s = ensure_pending(t); !s) return s;
+  Journal& journal = t->conn->journal;
+  if (std::string err = journal.watch(t->index.schema(), t->index.node_table()); !err.empty())
+    return zq::Status::io(err);
+  if (std::string err = watch_pending(t); !err.empty()) return zq::Status::io(err);
+  Journal::Op op(journal);
+  if (!op.begun().empty()) return zq::Status::io(op.begun());
+  zq::Status s = move_into_tree(t, applied);
+  if (!s) {
+    // The host's table is cleared last, so a failure leaves it as it was.
+    if (std::string err = op.rollback(); !err.empty())
+      return zq::Status::io(s.message() + "; restoring the tables failed as well: " + err);
+    return s;
+  }
+  op.commit();
+  return s;
+}
+
+zq::Status ensure_pending(Table* t) {
+  if (!t->deferred() || (t->pending != nullptr && !t->pending_stale)) return zq::Status::ok();
+  zq::Database& db = t->conn->database();
+  if (t->pending != nullptr) zqtmp_drop(db.session(), t->pending);
+  t->pending = nullptr;
+  if (std::string err = watch_pending(t); !err.empty())
+    return zq::Status::io("preparing deferred mode: " + err);
+  zqenv_err_clear(db.env());
+  zq_tmptab* tab = zqtmp_create_spatial(db.session(), t->conn->next_pending_id++);
+  if (tab == nullptr)
+    return engine_failure(db, RTR_ERR_NO_ROOM, "creating the table of pending changes");
+  t->pending = tab;
+  t->pending_stale = false;
+  t->pending_made_in_txn = sqlite3_get_autocommit(t->conn->db) == 0;
+  // Changes may be waiting from before the table was last connected.
+  Stmt touched(t->conn->db, std::string("SELECT rid FROM temp.") + kTouched + " WHERE tab = ?1");
+  if (!touched.ok()) return sql_failure(t->conn->db, "reading the pending changes");
+  touched.bind(1, t->key());
+  while (touched.step() == SQLITE_ROW)
+    if (zq::Status s = resync_pending(t, touched.int64(0)); !s) return s;
+  return zq::Status::ok();
+}
+
+zq::Status set_deferred(Table* t, bool on) {
+  if (on == t->deferred()) return zq::Status::ok();
+  // The host's table is made outside any transaction, so no rollback can
+  // take it away while it is in use.
+  if (sqlite3_get_autocommit(t->conn->db) == 0)
+    return zq::Status::invalid("deferred mode can only be switched outside a transaction");
+  if (on) {
+    t->conn->deferred.insert(t->key());
+    zq::Status s = ensure_pending(t);
+    if (!s) t->conn->deferred.erase(t->key());
+    return s;
+  }
+  uint64_t applied = 0;
+  if (zq::Status s = apply_pending(t, &applied); !s) return s;
+  if (t->pending != nullptr) zqtmp_drop(t->conn->database().session(), t->pending);
+  t->pending = nullptr;
+  t->conn->deferred.erase(t->key());
+  return zq::Status::ok();
+}
+
+int pending_deleted(Table* t, int64_t id, zq::Status* status) {
+  zq::Database& db = t->conn->database();
+  const int32_t rc = rtr_find_spt_tmp_tab_del_data(db.env(), db.session(), pending_btr(t), id);
+  if (rc < 0) *status = engine_failure(db, rc, "looking up pending deletes");
+  return rc;
+}
+
+zq::Status PendingScan::open(uint32_t op, const zq::Box& query) {
+  close();
+  zq::Database& db = t_->conn->database();
+  const int32_t rc = rtr_spt_tmp_tab_first_ins_data(db.env(), db.session(), pending_btr(t_), &cur_);
+  if (rc < 0) return engine_failure(db, rc, "reading pending inserts");
+  open_ = true;
+  end_ = 0;
+  op_ = op;
+  query_ = query;
+  return zq::Status::ok();
+}
+
+bool PendingScan::next(zq::Entry* entry, zq::Status*) {
+  const rtr_rect query = zq::to_rect(query_);
+  while (open_ && end_ == 0) {
+    rtr_rect rect;
+    int64_t rowid = 0;
+    const int32_t hit =
+        rtr_spt_tmp_tab_ins_data(&cur_, &query, static_cast<uint16_t>(op_), &rect, &rowid, &end_);
+    if (hit != 1) break;
+    // Like the tree cursor, the pending scan compares the first two axes.
+    const zq::Box box = zq::from_rect(rect, t_->dims());
+    if (!zq::op_matches(op_, box, query_, t_->dims())) continue;
+    *entry = zq::Entry{rowid, box};
+    return true;
+  }
+  close();
+  return false;
+}
+
+void PendingScan::close() {
+  if (open_) pbcur_close(&cur_);
+  open_ = false;
+  end_ = 1;
+}
+
+int x_commit(sqlite3_vtab* vtab) {
+  static_cast<Table*>(vtab)->pending_made_in_txn = false;
+  return SQLITE_OK;
+}
+
+// A host table made inside the transaction (or savepoint) being rolled back
+// is gone with it; the next use makes a new one from the work list.
+int x_rollback(sqlite3_vtab* vtab) {
+  Table* t = static_cast<Table*>(vtab);
+  if (t->pending != nullptr && t->pending_made_in_txn) t->pending_stale = true;
+  t->pending_made_in_txn = false;
+  return SQLITE_OK;
+}
+
+int x_rollback_to(sqlite3_vtab* vtab, int) {
+  Table* t = static_cast<Table*>(vtab);
+  if (t->pending != nullptr && t->pending_made_in_txn) t->pending_stale = true;
+  return SQLITE_OK;
+}
+
+int x_sync(sqlite3_vtab* vtab) {
+  Table* t = static_cast<Table*>(vtab);
+  uint64_t applied = 0;
+  if (zq::Status s = apply_pending(t, &applied); !s)
+    return fail(vtab, failure(*t, "applying the pending changes at commit: " + s.message()));
+  return SQLITE_OK;
+}
+
+}  // namespace zqext

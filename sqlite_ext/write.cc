@@ -1,0 +1,364 @@
+// Changes made inside SQLite's running statement: xUpdate (INSERT, UPDATE,
+// DELETE) and the index tables of xCreate and xDestroy.
+//
+// The driver's user operations open a host transaction of their own, which a
+// running statement does not allow, so these run in the caller's statement
+// with the extension's undo journal instead: input checked first, then
+//   watch the node, base (and pending) tables -> Journal::Op ->
+//   library handle (writing mode) -> rtr_delete_by_rowid / rtr_insert ->
+//   base-table rows -> rtr_flush_all -> destroy handle -> commit the Op,
+// and any failure replays the journal so the tables are as they were. In
+// deferred mode the tree is left alone and the change is recorded as pending.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "sqlite_ext/ext.h"
+#include "sqlite_ext/handle.h"
+#include "zqrtree/bld.h"
+#include "zqrtree/errors.h"
+#include "zqrtree/tree.h"
+
+namespace zqext {
+
+namespace {
+
+constexpr const char* kCatalog = "zqrtree_catalog";
+
+std::string base_name(const zq::Index& index) {
+  return quote(index.schema()) + "." + quote(index.base_table());
+}
+
+zq::Status base_delete(const zq::Index& index, int64_t id) {
+  sqlite3* db = index.database()->db();
+  Stmt st(db, "DELETE FROM " + base_name(index) + " WHERE id = ?1");
+  if (!st.ok() || st.bind(1, id).step() != SQLITE_DONE)
+    return sql_failure(db, "deleting rowid " + std::to_string(id) + " from " + index.base_table());
+  return zq::Status::ok();
+}
+
+zq::Status base_insert(const zq::Index& index, const zq::Entry& e) {
+  sqlite3* db = index.database()->db();
+  std::string cols = "id", params = "?1";
+  for (int k = 0; k < index.dims(); ++k) {
+    cols += ", min" + std::to_string(k) + ", max" + std::to_string(k);
+    params += ", ?" + std::to_string(2 * k + 2) + ", ?" + std::to_string(2 * k + 3);
+  }
+  Stmt st(db, "INSERT INTO " + base_name(index) + " (" + cols + ") VALUES (" + params + ")");
+  if (st.ok()) {
+    st.bind(1, e.id);
+    for (int k = 0; k < index.dims(); ++k)
+      st.bind(2 * k + 2, e.box.min[k]).bind(2 * k + 3, e.box.max[k]);
+  }
+  if (!st.ok() || st.step() != SQLITE_DONE)
+    return sql_failure(db, "storing rowid " + std::to_string(e.id) + " in " + index.base_table());
+  return zq::Status::ok();
+}
+
+// One row's change: the old row goes (if any), the new one comes (if any).
+struct Change {
+  bool has_old = false;
+  zq::Entry old_entry;
+  bool has_new = false;
+  zq::Entry new_entry;
+};
+
+zq::Status change_tree(const zq::Index& index, const Change& ch) {
+  zq::Database& db = *index.database();
+  Handle h(index, Handle::Mode::kWrite);
+  if (!h.status()) return h.status();
+  if (ch.has_old) {
+    const rtr_rect rect = zq::to_rect(ch.old_entry.box);
+    const int32_t rc = rtr_delete_by_rowid(db.env(), h.get(), ch.old_entry.id, &rect);
+    if (rc < 0) return engine_failure(db, rc, "deleting rowid " + std::to_string(ch.old_entry.id));
+  }
+  if (ch.has_new) {
+    const rtr_cell cell{ch.new_entry.id, zq::to_rect(ch.new_entry.box)};
+    const int32_t rc = rtr_insert(db.env(), h.get(), &cell);
+    if (rc < 0) return engine_failure(db, rc, "inserting rowid " + std::to_string(ch.new_entry.id));
+  }
+  return h.flush();
+}
+
+zq::Status change_base(const zq::Index& index, const Change& ch) {
+  if (ch.has_old)
+    if (zq::Status s = base_delete(index, ch.old_entry.id); !s) return s;
+  if (ch.has_new) return base_insert(index, ch.new_entry);
+  return zq::Status::ok();
+}
+
+zq::Status change_pending(Table* t, const Change& ch) {
+  if (ch.has_old)
+    if (zq::Status s = defer_remove(t, ch.old_entry.id, ch.old_entry.box); !s) return s;
+  if (ch.has_new) return defer_insert(t, ch.new_entry);
+  return zq::Status::ok();
+}
+
+// The host's pending rows cannot be journaled (they have no rowid), so after
+// the journal's replay they are brought back in line with what it restored.
+zq::Status undo(Table* t, Journal::Op* op, const Change& ch, zq::Status failed) {
+  std::string err = op->rollback();
+  if (err.empty() && t->deferred()) {
+    for (const zq::Entry* e :
+         {ch.has_old ? &ch.old_entry : nullptr, ch.has_new ? &ch.new_entry : nullptr}) {
+      if (e == nullptr) continue;
+      if (zq::Status s = resync_pending(t, e->id); !s) err = s.message();
+    }
+  }
+  if (err.empty()) return failed;
+  return zq::Status::io(failed.message() + "; restoring the tables failed as well: " + err);
+}
+
+// The whole change or none of it.
+zq::Status apply_change(Table* t, const Change& ch) {
+  Journal& journal = t->conn->journal;
+  for (const std::string& table : {t->index.node_table(), t->index.base_table()})
+    if (std::string err = journal.watch(t->index.schema(), table); !err.empty())
+      return zq::Status::io(err);
+  if (t->deferred()) {
+    if (zq::Status s = ensure_pending(t); !s) return s;
+    if (std::string err = watch_pending(t); !err.empty()) return zq::Status::io(err);
+  }
+  Journal::Op op(journal);
+  if (!op.begun().empty()) return zq::Status::io(op.begun());
+  zq::Status s = t->deferred() ? change_pending(t, ch) : change_tree(t->index, ch);
+  if (s) s = change_base(t->index, ch);
+  if (!s) return undo(t, &op, ch, s);
+  op.commit();
+  return s;
+}
+
+// ---- reading the new row out of xUpdate's arguments ----
+
+bool integer_value(sqlite3_value* v, int64_t* out) {
+  const int type = sqlite3_value_numeric_type(v);
+  if (type == SQLITE_INTEGER) {
+    *out = sqlite3_value_int64(v);
+    return true;
+  }
+  if (type != SQLITE_FLOAT) return false;
+  const double d = sqlite3_value_double(v);
+  if (d != std::floor(d) || std::fabs(d) >= 9.2e18) return false;
+  *out = static_cast<int64_t>(d);
+  return true;
+}
+
+std::string value_text(sqlite3_value* v) {
+  if (sqlite3_value_type(v) == SQLITE_NULL) return "NULL";
+  const unsigned char* text = sqlite3_value_text(v);
+  return text == nullptr ? "?" : "'" + std::string(reinterpret_cast<const char*>(text)) + "'";
+}
+
+// The new row's id: the id column or the rowid, whichever the statement set
+// (on an UPDATE, whichever differs from the old rowid); an INSERT without
+// either takes the rowid after the largest.
+zq::Status new_id(Table* t, sqlite3_value** argv, const int64_t* old_id, int64_t* out) {
+  const std::string& id_col = t->columns[0];
+  std::vector<int64_t> given;
+  for (sqlite3_value* v : {argv[2], argv[1]}) {
+    if (sqlite3_value_type(v) == SQLITE_NULL) {
+      if (old_id != nullptr && v == argv[2])
+        return zq::Status::invalid(id_col + " may not be NULL");
+      continue;
+    }
+    int64_t id = 0;
+    if (!integer_value(v, &id))
+      return zq::Status::invalid(id_col + " " + value_text(v) + " is not an integer");
+    if (old_id == nullptr || id != *old_id) given.push_back(id);
+  }
+  if (given.size() == 2 && given[0] != given[1])
+    return zq::Status::invalid("rowid " + std::to_string(given[1]) + " and " + id_col + " " +
+                               std::to_string(given[0]) + " differ");
+  if (!given.empty() || old_id != nullptr) {
+    *out = given.empty() ? *old_id : given[0];
+    return zq::Status::ok();
+  }
+  sqlite3* db = t->conn->db;
+  Stmt st(db, "SELECT max(id) FROM " + base_name(t->index));
+  if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(db, "choosing a rowid");
+  const int64_t top = st.int64(0);
+  if (top == INT64_MAX) return zq::Status::invalid("no rowid is left above " + std::to_string(top));
+  *out = top + 1;
+  return zq::Status::ok();
+}
+
+zq::Status new_box(Table* t, sqlite3_value** argv, zq::Box* box) {
+  for (int k = 0; k < t->dims(); ++k) {
+    const std::string& lo = t->columns[1 + 2 * k];
+    const std::string& hi = t->columns[2 + 2 * k];
+    for (int side = 0; side < 2; ++side) {
+      sqlite3_value* v = argv[3 + 2 * k + side];
+      const int type = sqlite3_value_numeric_type(v);
+      const std::string& col = side == 0 ? lo : hi;
+      if (type != SQLITE_INTEGER && type != SQLITE_FLOAT)
+        return zq::Status::invalid(col + " " + value_text(v) + " is not a number");
+      const double d = sqlite3_value_double(v);
+      if (!std::isfinite(d)) return zq::Status::invalid(col + " is not a finite number");
+      (side == 0 ? box->min : box->max)[k] = d;
+    }
+    if (box->min[k] > box->max[k]) {
+      char buf[160];
+      std::snprintf(buf, sizeof buf, " %.17g is above %s %.17g", box->min[k], hi.c_str(),
+                    box->max[k]);
+      return zq::Status::invalid(lo + buf);
+    }
+  }
+  if (std::string p = zq::box_problem(*box, t->dims()); !p.empty()) return zq::Status::invalid(p);
+  return zq::Status::ok();
+}
+
+zq::Status stored(Table* t, int64_t id, zq::Entry* e, bool* found) {
+  e->id = id;
+  zq::Status s = t->index.lookup(id, &e->box);
+  *found = s.is_ok();
+  return s.kind() == zq::Status::Kind::kNotFound ? zq::Status::ok() : s;
+}
+
+int update_failed(Table* t, const std::string& what, const zq::Status& s) {
+  const int rc = s.kind() == zq::Status::Kind::kInvalid ? SQLITE_MISMATCH : SQLITE_ERROR;
+  return fail(t, failure(*t, what + ": " + s.message()), rc);
+}
+
+// The row that already holds the new rowid: refused, or removed first under
+// OR REPLACE. SQLITE_OK when the change may go ahead.
+int resolve_conflict(Table* t, Change* ch) {
+  zq::Entry existing;
+  bool found = false;
+  if (zq::Status s = stored(t, ch->new_entry.id, &existing, &found); !s)
+    return update_failed(t, "reading rowid " + std::to_string(ch->new_entry.id), s);
+  if (!found) return SQLITE_OK;
+  if (sqlite3_vtab_on_conflict(t->conn->db) != SQLITE_REPLACE)
+    return fail(t, failure(*t, "rowid " + std::to_string(ch->new_entry.id) + " is already indexed"),
+                SQLITE_CONSTRAINT);
+  Change displaced;
+  displaced.has_old = true;
+  displaced.old_entry = existing;
+  if (zq::Status s = apply_change(t, displaced); !s)
+    return update_failed(t, "replacing rowid " + std::to_string(existing.id), s);
+  return SQLITE_OK;
+}
+
+}  // namespace
+
+int x_update(sqlite3_vtab* vtab, int argc, sqlite3_value** argv, sqlite3_int64* rowid) {
+  Table* t = static_cast<Table*>(vtab);
+  zqenv_err_clear(t->conn->database().env());
+  Change ch;
+  const bool has_old = sqlite3_value_type(argv[0]) != SQLITE_NULL;
+  if (has_old) {
+    const int64_t old_id = sqlite3_value_int64(argv[0]);
+    if (zq::Status s = stored(t, old_id, &ch.old_entry, &ch.has_old); !s)
+      return update_failed(t, "reading rowid " + std::to_string(old_id), s);
+  }
+  if (argc > 1) {
+    ch.has_new = true;
+    const int64_t old_id = ch.old_entry.id;
+    if (zq::Status s = new_id(t, argv, has_old ? &old_id : nullptr, &ch.new_entry.id); !s)
+      return update_failed(t, has_old ? "updating rowid " + std::to_string(old_id) : "inserting",
+                           s);
+    const std::string what = "rowid " + std::to_string(ch.new_entry.id);
+    if (zq::Status s = new_box(t, argv, &ch.new_entry.box); !s) return update_failed(t, what, s);
+    if (!(ch.has_old && ch.old_entry.id == ch.new_entry.id))
+      if (int rc = resolve_conflict(t, &ch); rc != SQLITE_OK) return rc;
+    if (ch.has_old && ch.old_entry == ch.new_entry) return SQLITE_OK;
+  }
+  if (!ch.has_old && !ch.has_new) return SQLITE_OK;
+  if (zq::Status s = apply_change(t, ch); !s) {
+    const std::string what = !ch.has_new  ? "deleting rowid " + std::to_string(ch.old_entry.id)
+                             : ch.has_old ? "updating rowid " + std::to_string(ch.old_entry.id)
+                                          : "inserting rowid " + std::to_string(ch.new_entry.id);
+    return update_failed(t, what, s);
+  }
+  if (ch.has_new) *rowid = ch.new_entry.id;
+  return SQLITE_OK;
+}
+
+// ---- the index's tables ----
+
+namespace {
+
+zq::Status create_tables(Conn* conn, const std::string& schema, const std::string& name, int dims) {
+  const std::string catalog = quote(schema) + "." + quote(kCatalog);
+  std::string err = exec(
+      conn->db, "CREATE TABLE IF NOT EXISTS " + catalog + " (name TEXT PRIMARY KEY, dims INTEGER)");
+  if (!err.empty()) return zq::Status::io("creating the index catalog: " + err);
+  std::string cols;
+  for (int k = 0; k < dims; ++k)
+    cols +=
+        ", min" + std::to_string(k) + " REAL NOT NULL, max" + std::to_string(k) + " REAL NOT NULL";
+  err = exec(conn->db, "CREATE TABLE " + quote(schema) + "." + quote(name + "_boxes") +
+                           " (id INTEGER PRIMARY KEY" + cols + ")");
+  if (!err.empty()) return zq::Status::io("creating the base table: " + err);
+  const int32_t rc =
+      zqsess_create_node_table(conn->database().session(), schema.c_str(), name.c_str());
+  if (rc < 0) return engine_failure(conn->database(), rc, "creating the node table");
+  Stmt ins(conn->db, "INSERT INTO " + catalog + " (name, dims) VALUES (?1, ?2)");
+  if (!ins.ok() || ins.bind(1, name).bind(2, static_cast<int64_t>(dims)).step() != SQLITE_DONE)
+    return sql_failure(conn->db, "recording the index in the catalog");
+  return zq::Status::ok();
+}
+
+// An index starts as one empty leaf at node 1: the bulk build of nothing.
+zq::Status empty_tree(const zq::Index& index) {
+  zq::Database& db = *index.database();
+  zq_memobj storage{};
+  zq_memobj* mem = rt_memobj_heap_create_fast_ex(db.env(), &storage, 4096, __FILE__, __LINE__);
+  if (mem == nullptr) return engine_failure(db, RTR_ERR_NO_ROOM, "making build memory");
+  zq_nsort* sorter = nullptr;
+  int32_t rc = rtr_sort_create(db.env(), zqsess_sort_pool(db.session()), mem,
+                               static_cast<uint16_t>(index.dims()), &sorter);
+  zq::Status s;
+  if (rc < 0) {
+    s = engine_failure(db, rc, "creating the sorter");
+  } else {
+    Handle h(index, Handle::Mode::kBuild);
+    s = h.status();
+    if (s && (rc = rtr_blkload(db.env(), mem, h.get(), sorter, 0, 1.0)) < 0)
+      s = engine_failure(db, rc, "building the empty tree");
+  }
+  if (sorter != nullptr) nsort_destory(db.env(), sorter);
+  rt_memobj_destroy(db.env(), mem);
+  return s;
+}
+
+zq::Status remove_tables(Conn* conn, const std::string& schema, const std::string& name) {
+  std::string errors;
+  for (const std::string& table : {RTR_NODE_TABLE_PREFIX + name, name + "_boxes"})
+    if (std::string err =
+            exec(conn->db, "DROP TABLE IF EXISTS " + quote(schema) + "." + quote(table));
+        !err.empty())
+      errors += "; dropping " + quote(table) + ": " + err;
+  Stmt del(conn->db, "DELETE FROM " + quote(schema) + "." + quote(kCatalog) + " WHERE name = ?1");
+  if (del.ok() && del.bind(1, name).step() != SQLITE_DONE)
+    errors += std::string("; removing it from the catalog: ") + sqlite3_errmsg(conn->db);
+  return errors.empty() ? zq::Status::ok() : zq::Status::io(errors.substr(2));
+}
+
+}  // namespace
+
+zq::Status create_index(Conn* conn, const std::string& schema, const std::string& name, int dims,
+                        zq::Index* out) {
+  zq::Index existing;
+  if (zq::Index::open(conn->database(), name, &existing, schema))
+    return zq::Status::exists("an index named '" + name + "' already exists; drop it first");
+  for (const std::string& table : {RTR_NODE_TABLE_PREFIX + name, name + "_boxes"}) {
+    Stmt st(conn->db, "SELECT 1 FROM " + quote(schema) + ".sqlite_schema WHERE name = ?1");
+    if (st.ok() && st.bind(1, table).step() == SQLITE_ROW)
+      return zq::Status::exists("table " + quote(table) + " already exists; choose another name");
+  }
+  zqenv_err_clear(conn->database().env());
+  zq::Status s = create_tables(conn, schema, name, dims);
+  if (s) s = zq::Index::open(conn->database(), name, out, schema);
+  if (s) s = empty_tree(*out);
+  // No savepoint can be had inside CREATE VIRTUAL TABLE: undo by hand.
+  if (!s) remove_tables(conn, schema, name);
+  return s;
+}
+
+zq::Status drop_index(Conn* conn, const zq::Index& index) {
+  return remove_tables(conn, index.schema(), index.name());
+}
+
+}  // namespace zqext
