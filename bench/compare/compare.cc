@@ -158,6 +158,10 @@ std::vector<Row> run_one(const Config& cfg, const std::string& spec, const std::
   int wstatus = 0;
   struct rusage ru {};
   wait4(pid, &wstatus, 0, &ru);
+  std::fprintf(
+      stderr, "bench_compare:   %.1f s wall, %.1f s CPU, peak RSS %ld MB\n", clock.seconds(),
+      ru.ru_utime.tv_sec + ru.ru_stime.tv_sec + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) * 1e-6,
+      ru.ru_maxrss / 1024);
 
   std::vector<Row> rows;
   std::istringstream lines(out);
@@ -552,6 +556,47 @@ std::string chart(const std::vector<Result>& results) {
   return s.str();
 }
 
+// Writes the Markdown and the chart for the workloads done so far (called
+// after each one, so a long run that is stopped keeps what it measured) and
+// returns the Markdown.
+std::string report(const Config& cfg, const std::vector<Result>& results) {
+  std::ostringstream md;
+  const std::time_t now = std::time(nullptr);
+  char when[64];
+  std::strftime(when, sizeof when, "%Y-%m-%d %H:%M UTC", std::gmtime(&now));
+  md << "# libzqrtree against peer spatial indexes\n\n"
+     << "Run " << when << " on " << machine() << ".";
+  std::vector<std::string> versions;
+  for (const Result& r : results)
+    for (const Row& row : r.rows)
+      if (auto it = row.kv.find("version");
+          it != row.kv.end() && !it->second.empty() &&
+          std::find(versions.begin(), versions.end(), it->second[0]) == versions.end())
+        versions.push_back(it->second[0]);
+  for (size_t i = 0; i < versions.size(); ++i) md << (i ? ", " : " Versions: ") << versions[i];
+  md << (versions.empty() ? "" : ".")
+     << (cfg.clock == "cpu" ? " Times are each process's CPU time (the machine was shared)."
+                            : " Times are wall-clock.")
+     << "\n";
+  for (const Result& r : results) {
+    write_tables(md, r);
+    write_targets(md, r);
+  }
+  md << "\nEach system runs as its own process on the same workload file and reads it before "
+        "any clock starts. Peak RSS is the process's ru_maxrss and includes the workload it "
+        "holds; \"RSS over data\" subtracts the RSS measured right after reading it. Size is "
+        "the database or index files (page count × page size for SQLite databases, .idx + "
+        ".dat for libspatialindex on disk) or, for Boost, the bytes its allocator holds. "
+        "Nodes read per query is counted over the first 1000 queries of each set where a "
+        "system can tell: node-table reads of a fresh handle per query for libzqrtree, the "
+        "library's read statistics for libspatialindex. Coordinates are float32 values so "
+        "that SQLite's R*Tree (which stores float32) indexes the same boxes as the others.\n";
+  const std::string text = md.str();
+  if (!cfg.md.empty()) std::ofstream(cfg.md) << text;
+  if (!cfg.svg.empty()) std::ofstream(cfg.svg) << chart(results);
+  return text;
+}
+
 int usage() {
   std::fprintf(stderr,
                "usage: bench_compare --bin DIR [--dir SCRATCH] [--md FILE] [--svg FILE]\n"
@@ -641,42 +686,10 @@ int main(int argc, char** argv) {
       std::printf("MISMATCH %s: %s\n", r.name.c_str(), m.c_str());
     failed |= !r.mismatches.empty();
     results.push_back(std::move(r));
+    report(cfg, results);
   }
 
-  std::ostringstream md;
-  const std::time_t now = std::time(nullptr);
-  char when[64];
-  std::strftime(when, sizeof when, "%Y-%m-%d %H:%M UTC", std::gmtime(&now));
-  md << "# libzqrtree against peer spatial indexes\n\n"
-     << "Run " << when << " on " << machine() << ".";
-  std::vector<std::string> versions;
-  for (const Result& r : results)
-    for (const Row& row : r.rows)
-      if (auto it = row.kv.find("version");
-          it != row.kv.end() && !it->second.empty() &&
-          std::find(versions.begin(), versions.end(), it->second[0]) == versions.end())
-        versions.push_back(it->second[0]);
-  for (size_t i = 0; i < versions.size(); ++i) md << (i ? ", " : " Versions: ") << versions[i];
-  md << (versions.empty() ? "" : ".")
-     << (cfg.clock == "cpu" ? " Times are each process's CPU time (the machine was shared)."
-                            : " Times are wall-clock.")
-     << "\n";
-  for (const Result& r : results) {
-    write_tables(md, r);
-    write_targets(md, r);
-  }
-  md << "\nEach system runs as its own process on the same workload file and reads it before "
-        "any clock starts. Peak RSS is the process's ru_maxrss and includes the workload it "
-        "holds; \"RSS over data\" subtracts the RSS measured right after reading it. Size is "
-        "the database or index files (page count × page size for SQLite databases, .idx + "
-        ".dat for libspatialindex on disk) or, for Boost, the bytes its allocator holds. "
-        "Nodes read per query is counted over the first 1000 queries of each set where a "
-        "system can tell: node-table reads of a fresh handle per query for libzqrtree, the "
-        "library's read statistics for libspatialindex. Coordinates are float32 values so "
-        "that SQLite's R*Tree (which stores float32) indexes the same boxes as the others.\n";
-  const std::string text = md.str();
+  const std::string text = report(cfg, results);
   std::fputs(text.c_str(), stdout);
-  if (!cfg.md.empty()) std::ofstream(cfg.md) << text;
-  if (!cfg.svg.empty()) std::ofstream(cfg.svg) << chart(results);
   return failed ? 1 : 0;
 }

@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "bench/common/runner.h"
@@ -23,19 +22,11 @@ struct ChildResult {
   double db_bytes;
 };
 
-std::string scratch_db(const char* tag) {
-  const char* dir = std::getenv("ZQ_MICRO_DIR");
-  std::string path = std::string(dir != nullptr ? dir : "/tmp") + "/zq_micro_" + tag + "_" +
-                     std::to_string(getpid()) + ".db";
-  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) unlink((path + suffix).c_str());
-  return path;
-}
-
 // fill 0: rtr_insert one by one; otherwise a bulk load at that fill.
 bool build_in_child(size_t n, double fill, ChildResult* out, long* peak_rss_kb) {
   int fds[2];
   if (pipe(fds) != 0) return false;
-  const std::string path = scratch_db(fill > 0 ? "bulk" : "insert");
+  const std::string path = zqmicro::scratch_db(fill > 0 ? "bulk" : "insert");
   const pid_t pid = fork();
   if (pid == 0) {
     close(fds[0]);
@@ -62,7 +53,7 @@ bool build_in_child(size_t n, double fill, ChildResult* out, long* peak_rss_kb) 
   struct rusage ru {};
   if (pid > 0) wait4(pid, &status, 0, &ru);
   *peak_rss_kb = ru.ru_maxrss;
-  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) unlink((path + suffix).c_str());
+  zqmicro::remove_db(path);
   return got && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 

@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -159,9 +160,23 @@ std::vector<int64_t> Session::node_ids() const {
   return ids;
 }
 
+std::string scratch_db(const char* tag) {
+  const char* dir = std::getenv("ZQ_MICRO_DIR");
+  std::string path = std::string(dir != nullptr ? dir : "/tmp") + "/zq_micro_" + tag + "_" +
+                     std::to_string(getpid()) + ".db";
+  remove_db(path);
+  return path;
+}
+
+void remove_db(const std::string& path) {
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) unlink((path + suffix).c_str());
+}
+
 WarmTree& warm_tree() {
   static WarmTree* tree = [] {
     auto* t = new WarmTree;
+    static const std::string path = t->path;
+    std::atexit([] { remove_db(path); });
     t->cells = random_cells(1000000, 2, 7);
     t->session.bulk_load(t->cells, 0.7);
     t->reader = t->session.handle(1);

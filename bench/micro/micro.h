@@ -54,10 +54,17 @@ class Session {
   uint16_t dims_;
 };
 
-// The shared 1M-entry 2-D tree, bulk-loaded at the driver's default fill,
-// with one reading-mode handle whose cache holds every node.
+// Where database files go: $ZQ_MICRO_DIR, else /tmp; `tag` and the process
+// id make the name, and any old file of that name is removed.
+std::string scratch_db(const char* tag);
+void remove_db(const std::string& path);
+
+// The shared 1M-entry 2-D tree in a database file, bulk-loaded at the
+// driver's default fill, with one reading-mode handle whose cache holds
+// every node. The file is removed when the process exits.
 struct WarmTree {
-  Session session{":memory:"};
+  std::string path = scratch_db("tree");
+  Session session{path};
   std::vector<rtr_cell> cells;
   rtr_mem* reader = nullptr;
   std::vector<int64_t> node_ids;
