@@ -122,11 +122,10 @@ class Sorter {
     return 0;
   }
 
-  int32_t get(std::vector<Row>* out, zq_bdta* batch = nullptr) {
-    zq_bdta* b = batch != nullptr ? batch : batch_;
+  int32_t get(std::vector<Row>* out) {
     for (uint32_t end = 0; end == 0;) {
-      if (int32_t rc = nsort_get_bdta(env_, mem_.get(), b, 1000, s_, &end); rc < 0) return rc;
-      for (uint32_t r = 0; r < b->n_rows; ++r) out->push_back(row_at(b, r));
+      if (int32_t rc = nsort_get_bdta(env_, mem_.get(), batch_, 1000, s_, &end); rc < 0) return rc;
+      for (uint32_t r = 0; r < batch_->n_rows; ++r) out->push_back(row_at(batch_, r));
     }
     return 0;
   }
@@ -338,53 +337,27 @@ TEST_F(SortTest, AllocationFaultsGiveNoRoomThenClearingRecovers) {
   EXPECT_EQ(open_fds(), fds);
 }
 
-TEST_F(SortTest, RefusesLayoutsItCannotTake) {
+TEST_F(SortTest, RefusesBadLayoutsBatchesAndCallsOutOfOrder) {
   const zq_cmp_fn dbl = sort2_simple_fun_search(env_, ZQ_TYPE_DOUBLE);
   const zq_sort_col two[2] = {{0, ZQ_TYPE_BIGINT}, {1, ZQ_TYPE_DOUBLE}};
   const zq_sort_col dup[2] = {{1, ZQ_TYPE_BIGINT}, {1, ZQ_TYPE_DOUBLE}};
-  std::vector<zq_sort_col> wide(65);
-  for (uint16_t c = 0; c < 65; ++c) wide[c] = {c, ZQ_TYPE_DOUBLE};
-  struct Case {
-    const char* name;
-    zq_sort_col_list cols;
-    zq_sort_key key;
-  };
-  const Case cases[] = {
-      {"no column", {0, two}, {1, 'A', dbl}},
-      {"a column twice", {2, dup}, {1, 'A', dbl}},
-      {"65 columns", {65, wide.data()}, {1, 'A', dbl}},
-      {"key on no column", {2, two}, {5, 'A', dbl}},
-      {"unknown order", {2, two}, {1, 'X', dbl}},
-      {"no compare function", {2, two}, {1, 'A', nullptr}},
-  };
-  zqtest::TrackingMem mem(env_);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    zq_nsort* s = nsort_create(env_, mem.get(), 1, 0, 1000, pool(), 0);
-    const zq_sort_key_list kl{1, &c.key};
-    EXPECT_EQ(nsort_set_bdta_info(env_, s, &c.cols, 0, &kl, 1), ZQHOST_SORT_BAD_LAYOUT);
-    EXPECT_EQ(nsort_sort_it(env_, s), ZQHOST_SORT_BAD_STATE);
-    nsort_destory(env_, s);
-  }
-  EXPECT_EQ(sort2_simple_fun_search(env_, 3), nullptr);
-  EXPECT_EQ(mem.live(), 0u);
-}
-
-TEST_F(SortTest, RefusesCallsOutOfOrderAndBatchesThatDoNotFit) {
+  const zq_sort_key keys[] = {{5, 'A', dbl}, {1, 'X', dbl}, {1, 'A', nullptr}, {1, 'A', dbl}};
+  const zq_sort_col_list lists[] = {{2, two}, {2, two}, {2, two}, {2, dup}};
   Sorter s(env_, sess_, {{1, 'A'}});
-  uint32_t end = 0;
+  for (size_t i = 0; i < std::size(keys); ++i) {
+    const zq_sort_key_list kl{1, &keys[i]};
+    EXPECT_EQ(nsort_set_bdta_info(env_, s.get(), &lists[i], 0, &kl, 1), ZQHOST_SORT_BAD_LAYOUT)
+        << "layout " << i;
+  }
+  EXPECT_EQ(nsort_sort_it(env_, s.get()), ZQHOST_SORT_BAD_STATE) << "no layout yet";
   ASSERT_EQ(s.set_layout(), 0);
+  uint32_t end = 0;
   EXPECT_EQ(nsort_get_bdta(env_, s.mem().get(), s.batch(), 1000, s.get(), &end),
             ZQHOST_SORT_BAD_STATE);
-  // A batch whose column 1 holds integers does not fit the layout.
-  const uint16_t types[3] = {ZQ_TYPE_BIGINT, ZQ_TYPE_BIGINT, ZQ_TYPE_BIGINT};
-  zq_bdta* wrong = bdta3_create(env_, s.mem().get(), 3, types);
-  for (uint16_t c = 0; c < 3; ++c)
-    ASSERT_EQ(bdta3_col_data_create_low(env_, s.mem().get(), &wrong->cols[c], types[c], 10), 0);
-  wrong->n_rows = 1;
-  EXPECT_EQ(nsort_put_bdta(env_, s.get(), wrong), ZQHOST_SORT_BAD_LAYOUT);
-  bdta3_free2(env_, s.mem().get(), wrong);
-
+  s.batch()->cols[1].type = ZQ_TYPE_BIGINT;  // column 1 no longer fits the layout
+  s.batch()->n_rows = 1;
+  EXPECT_EQ(nsort_put_bdta(env_, s.get(), s.batch()), ZQHOST_SORT_BAD_LAYOUT);
+  s.batch()->cols[1].type = ZQ_TYPE_DOUBLE;
   const std::vector<Row> rows = make_rows(50, 3);
   ASSERT_EQ(s.put(rows), 0);
   EXPECT_EQ(s.set_layout(), ZQHOST_SORT_BAD_STATE);
@@ -395,34 +368,6 @@ TEST_F(SortTest, RefusesCallsOutOfOrderAndBatchesThatDoNotFit) {
   std::vector<Row> out;
   ASSERT_EQ(s.run(rows, &out), 0);
   expect_sorted_permutation(rows, out, s.keys());
-}
-
-TEST_F(SortTest, GetFillsNoMoreThanTheBatchHasRoomFor) {
-  Sorter s(env_, sess_, {{2, 'D'}});
-  ASSERT_EQ(s.set_layout(), 0);
-  const std::vector<Row> rows = make_rows(250, 5);
-  ASSERT_EQ(s.put(rows), 0);
-  ASSERT_EQ(nsort_sort_it(env_, s.get()), 0);
-  const uint16_t types[3] = {ZQ_TYPE_BIGINT, ZQ_TYPE_DOUBLE, ZQ_TYPE_BIGINT};
-  zq_bdta* small = bdta3_create(env_, s.mem().get(), 3, types);
-  for (uint16_t c = 0; c < 3; ++c)
-    ASSERT_EQ(bdta3_col_data_create_low(env_, s.mem().get(), &small->cols[c], types[c], 100), 0);
-  std::vector<uint32_t> sizes;
-  uint32_t end = 0;
-  std::vector<Row> out;
-  while (end == 0) {
-    ASSERT_EQ(nsort_get_bdta(env_, s.mem().get(), small, 1000, s.get(), &end), 0);
-    sizes.push_back(small->n_rows);
-    for (uint32_t r = 0; r < small->n_rows; ++r)
-      out.push_back(
-          {small->cols[0].data[r].i64, small->cols[1].data[r].f64, small->cols[2].data[r].i64});
-  }
-  EXPECT_EQ(sizes, (std::vector<uint32_t>{100, 100, 50}));
-  ASSERT_EQ(nsort_get_bdta(env_, s.mem().get(), small, 1000, s.get(), &end), 0);
-  EXPECT_EQ(small->n_rows, 0u);
-  EXPECT_EQ(end, 1u);
-  expect_sorted_permutation(rows, out, s.keys());
-  bdta3_free2(env_, s.mem().get(), small);
 }
 
 // Runs go to TMPDIR; a sort that has to spill where no file can be made
@@ -459,31 +404,6 @@ TEST_F(SortTest, SpillsIntoTmpdir) {
     unsetenv("TMPDIR");
   }
   EXPECT_EQ(rmdir(dir), 0) << "run files must not outlive their sorter";
-}
-
-TEST_F(SortTest, BuiltInCompareFunctionsAreTotalOrders) {
-  const zq_cmp_fn dbl = sort2_simple_fun_search(env_, ZQ_TYPE_DOUBLE);
-  const zq_cmp_fn i64 = sort2_simple_fun_search(env_, ZQ_TYPE_BIGINT);
-  ASSERT_NE(dbl, nullptr);
-  ASSERT_NE(i64, nullptr);
-  const double ascending[] = {-kInf, -1e308, -1.0, -4.9e-324, 0.0, 4.9e-324, 1.0, kInf, kNaN};
-  const int64_t ints[] = {kMin64, kMin64 + 1, -1, 0, 1, kMax64};
-  auto sign = [](int32_t c) { return (c > 0) - (c < 0); };
-  for (size_t a = 0; a < std::size(ascending); ++a) {
-    for (size_t b = 0; b < std::size(ascending); ++b) {
-      const zq_datum x{.f64 = ascending[a]}, y{.f64 = ascending[b]};
-      EXPECT_EQ(sign(dbl(&x, &y)), (a > b) - (a < b)) << ascending[a] << " vs " << ascending[b];
-    }
-  }
-  for (size_t a = 0; a < std::size(ints); ++a) {
-    for (size_t b = 0; b < std::size(ints); ++b) {
-      const zq_datum x{.i64 = ints[a]}, y{.i64 = ints[b]};
-      EXPECT_EQ(sign(i64(&x, &y)), (a > b) - (a < b)) << ints[a] << " vs " << ints[b];
-    }
-  }
-  const zq_datum neg_zero{.f64 = -0.0}, pos_zero{.f64 = 0.0}, nan1{.f64 = kNaN}, nan2{.f64 = -kNaN};
-  EXPECT_EQ(dbl(&neg_zero, &pos_zero), 0);
-  EXPECT_EQ(dbl(&nan1, &nan2), 0);
 }
 
 }  // namespace
