@@ -1,0 +1,178 @@
+// A change that fails part way leaves the virtual table as it was: the host's
+// nth allocation is made to fail, for every n until the change succeeds, in
+// autocommit mode and inside an open transaction (where SQLite itself does
+// not undo a failed single-row statement).
+//
+// Each attempt runs in a child process on its own copy of the database: the
+// library uses its node buffers without testing them, so a failure landing on
+// one of those stops the process, and such attempts are only counted.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <string>
+
+#include "tests/ext/ext_harness.h"
+
+namespace zqext_test {
+namespace {
+
+enum Outcome {
+  kFailedCleanly = 40,  // the change failed and nothing changed
+  kSucceeded = 41,      // the nth allocation came after the change's last
+  kChanged = 42,        // the change failed but the tables differ
+  kUnsound = 43,        // the tree checker found a violation
+  kSetup = 44,          // the child could not open or load
+};
+
+int in_child(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int exec(sqlite3* db, const std::string& sql) {
+  return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+}
+
+std::string text_of(sqlite3* db, const std::string& sql) {
+  std::string out;
+  sqlite3_stmt* st = nullptr;
+  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) return "<error>";
+  while (sqlite3_step(st) == SQLITE_ROW) {
+    for (int c = 0; c < sqlite3_column_count(st); ++c) {
+      const unsigned char* t = sqlite3_column_text(st, c);
+      out += (t != nullptr ? reinterpret_cast<const char*>(t) : "NULL") + std::string("|");
+    }
+    out += "\n";
+  }
+  sqlite3_finalize(st);
+  return out;
+}
+
+// Every row of the node table and the base table, blobs in hex.
+std::string snapshot(sqlite3* db) {
+  std::string out;
+  for (const char* table : {"MDRT$t", "t_boxes"}) {
+    sqlite3_stmt* st = nullptr;
+    const std::string sql = std::string("SELECT rowid, * FROM \"") + table + "\" ORDER BY rowid";
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) return "<error>";
+    while (sqlite3_step(st) == SQLITE_ROW) {
+      for (int c = 0; c < sqlite3_column_count(st); ++c) {
+        if (sqlite3_column_type(st, c) == SQLITE_BLOB) {
+          const auto* p = static_cast<const unsigned char*>(sqlite3_column_blob(st, c));
+          char hex[3];
+          for (int i = 0; i < sqlite3_column_bytes(st, c); ++i) {
+            std::snprintf(hex, sizeof hex, "%02x", p[i]);
+            out += hex;
+          }
+        } else {
+          const unsigned char* t = sqlite3_column_text(st, c);
+          out += t != nullptr ? reinterpret_cast<const char*>(t) : "NULL";
+        }
+        out += '|';
+      }
+      out += '\n';
+    }
+    sqlite3_finalize(st);
+  }
+  return out;
+}
+
+struct Case {
+  const char* name;
+  const char* setup;    // before anything is compared
+  bool in_txn;          // BEGIN first; the change then runs inside the transaction
+  const char* prelude;  // inside the transaction, before the fault is armed
+  const char* change;   // runs with the nth allocation failing
+};
+
+// A failed change leaves the tables as they were right before it; a failed
+// COMMIT rolls the whole transaction back.
+int attempt(const std::string& path, const Case& c, uint64_t n) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) return kSetup;
+  sqlite3_enable_load_extension(db, 1);
+  if (sqlite3_load_extension(db, extension_path().c_str(), nullptr, nullptr) != SQLITE_OK ||
+      exec(db, c.setup) != SQLITE_OK)
+    return kSetup;
+  const std::string before_txn = snapshot(db);
+  if (c.in_txn && (exec(db, "BEGIN") != SQLITE_OK || exec(db, c.prelude) != SQLITE_OK))
+    return kSetup;
+  const bool commit = std::string(c.change) == "COMMIT";
+  const std::string before = commit ? before_txn : snapshot(db);
+  exec(db, "SELECT zqrtree_fault_alloc(" + std::to_string(n) + ")");
+  const int rc = exec(db, c.change);
+  exec(db, "SELECT zqrtree_fault_alloc(0)");
+  if (rc == SQLITE_OK) return kSucceeded;
+  if (snapshot(db) != before) return kChanged;
+  if (c.in_txn && !commit && (exec(db, "COMMIT") != SQLITE_OK || snapshot(db) != before))
+    return kChanged;
+  if (text_of(db, "SELECT zqrtree_check('t')") != "ok|\n") return kUnsound;
+  sqlite3_close(db);
+  return kFailedCleanly;
+}
+
+void copy_file(const std::string& from, const std::string& to) {
+  std::ifstream in(from, std::ios::binary);
+  std::ofstream out(to, std::ios::binary | std::ios::trunc);
+  out << in.rdbuf();
+}
+
+TEST(ExtFault, FailedChangesLeaveTheTablesAsTheyWere) {
+  const std::string base = temp_path("ext_fault_base.db");
+  const std::string work = temp_path("ext_fault_work.db");
+  std::remove(base.c_str());
+  {
+    Db db(base);
+    db.exec("CREATE VIRTUAL TABLE t USING zqrtree(id, lo0, hi0, lo1, hi1)");
+    std::mt19937 rng(9);
+    for (int id = 1; id <= 300; ++id)
+      db.exec("INSERT INTO t VALUES (" + std::to_string(id) + ", " +
+              box_sql(random_box(rng, 2, 200), 2) + ")");
+  }
+  const char* insert = "INSERT INTO t VALUES (5000, 10, 12, 10, 12)";
+  const char* update = "UPDATE t SET lo0 = 150, hi0 = 160 WHERE id = 7";
+  const char* remove = "DELETE FROM t WHERE id = 9";
+  const char* several = "INSERT INTO t SELECT id + 1000, lo0, hi0, lo1, hi1 FROM t WHERE id <= 4";
+  const Case cases[] = {
+      {"insert", "", false, "", insert},
+      {"insert in a transaction", "", true, "", insert},
+      {"update", "", false, "", update},
+      {"update in a transaction", "", true, "", update},
+      {"delete in a transaction", "", true, "", remove},
+      {"several rows in a transaction", "", true, "", several},
+      {"deferred changes applied at commit", "SELECT zqrtree_defer('t', 1)", true,
+       "INSERT INTO t VALUES (5000, 10, 12, 10, 12); DELETE FROM t WHERE id = 9; "
+       "UPDATE t SET lo0 = 150, hi0 = 160 WHERE id = 7",
+       "COMMIT"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    int clean = 0, stopped = 0, n = 1;
+    for (; n < 1000; ++n) {
+      copy_file(base, work);
+      const int outcome = in_child([&] { return attempt(work, c, n); });
+      if (outcome == kSucceeded) break;
+      if (outcome == kFailedCleanly)
+        ++clean;
+      else if (outcome < kFailedCleanly || outcome > kSetup)
+        ++stopped;
+      else
+        ADD_FAILURE() << "allocation " << n << ": outcome " << outcome;
+    }
+    EXPECT_LT(n, 1000) << "the change never succeeded";
+    EXPECT_GT(clean, 0) << "no allocation failure was reported as an error";
+    RecordProperty(std::string(c.name) + ": stopped", stopped);
+  }
+  std::remove(base.c_str());
+  std::remove(work.c_str());
+}
+
+}  // namespace
+}  // namespace zqext_test
