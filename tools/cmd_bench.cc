@@ -127,7 +127,7 @@ int run_bench(Context& ctx, const BenchArgs& a) {
         if (bad == 0)
           std::fprintf(
               stderr, "zqrtree: bench: %s query %llu (%s) differs from the brute-force scan\n",
-              w.label, static_cast<unsigned long long>(i), entry_csv({0, q}, index.dims()).c_str());
+              w.label, static_cast<unsigned long long>(i), box_text(q, index.dims()).c_str());
         ++bad;
       }
     }

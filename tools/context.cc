@@ -72,11 +72,17 @@ std::string number(double v) {
   return fmt::format("{}", v);
 }
 
+std::string box_text(const zq::Box& box, int dims) {
+  std::string text;
+  for (int k = 0; k < 2 * dims; ++k) {
+    if (k > 0) text += ',';
+    text += number(k < dims ? box.min[k] : box.max[k - dims]);
+  }
+  return text;
+}
+
 std::string entry_csv(const zq::Entry& e, int dims) {
-  std::string line = fmt::format("{}", e.id);
-  for (int k = 0; k < dims; ++k) line += "," + number(e.box.min[k]);
-  for (int k = 0; k < dims; ++k) line += "," + number(e.box.max[k]);
-  return line;
+  return fmt::format("{},{}", e.id, box_text(e.box, dims));
 }
 
 zq::Box parse_box(std::string_view text, int dims) {

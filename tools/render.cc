@@ -101,12 +101,17 @@ zq::Status render_svg(const zq::Index& index, const RenderOptions& options, std:
   }
   for (const auto& [level, boxes] : scene.nodes) {
     const char* colour = kPalette[level % std::size(kPalette)];
+    // Leaf boxes are the most numerous: the thinnest lines, upper levels bolder.
     out += fmt::format("<g fill=\"none\" stroke=\"{}\" stroke-width=\"{}\">\n", colour,
-                       0.5 + 0.5 * level);
+                       level == 0 ? 0.4 : 1.0 + level);
     const double lo = 40.0 * (level + 1);
     for (const zq::Box& b : boxes) draw_box(&out, f, b, dims, lo, lo + 30, "");
     out += "</g>\n";
   }
+  out += fmt::format(
+      "<rect class=\"legend\" x=\"{}\" y=\"{}\" width=\"150\" height=\"{}\" fill=\"white\" "
+      "fill-opacity=\"0.85\"/>\n",
+      f.margin, f.margin, 14 * levels + 6);
   for (const auto& [level, boxes] : scene.nodes)
     out += fmt::format(
         "<text x=\"{}\" y=\"{}\" font-family=\"sans-serif\" font-size=\"12\" fill=\"{}\">level "

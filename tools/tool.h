@@ -79,6 +79,8 @@ void set_example(CLI::App* cmd, const std::string& examples);
 zq::Box parse_box(std::string_view text, int dims);
 // One coordinate, shortest text that reads back to the same double.
 std::string number(double v);
+// "min0,...,max0,..." as BOX arguments take it.
+std::string box_text(const zq::Box& box, int dims);
 // "id,min0,...,max0,..." as the CSV loader reads it.
 std::string entry_csv(const zq::Entry& e, int dims);
 
