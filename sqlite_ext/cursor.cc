@@ -103,7 +103,7 @@ int read_query_args(Cursor* c, sqlite3_value** argv) {
     const std::string which = (j % 2 == 0 ? "zq_min" : "zq_max") + std::to_string(j / 2);
     if (!numeric(argv[1 + j], &v))
       return cursor_fail(c, "search argument " + which + " is not a number");
-    (j % 2 == 0 ? c->query.min : c->query.max)[j / 2] = v;
+    set_side(&c->query, j, v);
   }
   c->has_args = true;
   return SQLITE_OK;
@@ -125,7 +125,7 @@ void read_range_args(Cursor* c, const Plan& plan, sqlite3_value** argv) {
     // Text or NULL bounds nothing the tree can use; SQLite judges those rows.
     if (!numeric(argv[arg++], &v)) continue;
     v = std::fmax(-DBL_MAX, std::fmin(DBL_MAX, v));
-    (bit % 2 == 0 ? c->query.min : c->query.max)[bit / 2] = v;
+    set_side(&c->query, bit, v);
   }
   for (int k = 0; k < dims; ++k) {
     if ((plan.eq_copies & (1u << k)) != 0) c->query.max[k] = c->query.min[k];

@@ -72,6 +72,12 @@ struct Table : sqlite3_vtab {
   std::string label() const { return "zqrtree table " + quote(name); }
 };
 
+// Side `slot` of a box in column order: 2k is axis k's min, 2k + 1 its max.
+inline void set_side(zq::Box* box, int slot, double v) {
+  double* sides = slot % 2 == 0 ? box->min : box->max;
+  sides[slot / 2] = v;
+}
+
 // ---- messages ----
 
 // Sets the table's error message (freed by SQLite) and returns rc.

@@ -82,7 +82,7 @@ class QuerySource : public zq::EntrySource {
             zq::Status::invalid(where() + ": column " + std::to_string(c + 1) + " is not a number");
         return false;
       }
-      ((c % 2 == 1) ? entry->box.min : entry->box.max)[(c - 1) / 2] = sqlite3_column_double(st, c);
+      set_side(&entry->box, c - 1, sqlite3_column_double(st, c));
     }
     return true;
   }

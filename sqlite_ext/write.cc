@@ -196,7 +196,7 @@ zq::Status new_box(Table* t, sqlite3_value** argv, zq::Box* box) {
         return zq::Status::invalid(col + " " + value_text(v) + " is not a number");
       const double d = sqlite3_value_double(v);
       if (!std::isfinite(d)) return zq::Status::invalid(col + " is not a finite number");
-      (side == 0 ? box->min : box->max)[k] = d;
+      set_side(box, 2 * k + side, d);
     }
     if (box->min[k] > box->max[k]) {
       char buf[160];
