@@ -4,6 +4,7 @@
 //   zqrtree_apply(table)                move pending changes into the tree now
 //   zqrtree_check(table)                'ok' or the tree's first violation
 //   zqrtree_fault_alloc(n)              diagnostic: the nth host allocation fails
+//   zqrtree_fault_engine(n)             diagnostic: the nth node-table engine call fails
 //   zqrtree_undo_armed()                internal: read by the journal's triggers
 // Each takes the connection's Conn as its user data.
 #include <string>
@@ -163,13 +164,14 @@ void fn_check(sqlite3_context* ctx, int, sqlite3_value** argv) {
 #endif
 }
 
-void fn_fault_alloc(sqlite3_context* ctx, int, sqlite3_value** argv) {
+// The diagnostics take n >= 0 (0 switches the fault off) and return it.
+template <void (zq::Database::*arm)(uint64_t)>
+void fn_fault(sqlite3_context* ctx, int, sqlite3_value** argv) {
   const sqlite3_int64 n = sqlite3_value_int64(argv[0]);
-  if (n < 0) return result_error(ctx, "zqrtree_fault_alloc: n must be 0 (off) or positive");
+  if (n < 0) return result_error(ctx, "zqrtree fault: n must be 0 (off) or positive");
   Conn* conn = conn_of(ctx);
-  if (std::string e = conn->open(); !e.empty())
-    return result_error(ctx, "zqrtree_fault_alloc: " + e);
-  conn->database().fail_alloc_nth(static_cast<uint64_t>(n));
+  if (std::string e = conn->open(); !e.empty()) return result_error(ctx, "zqrtree fault: " + e);
+  (conn->database().*arm)(static_cast<uint64_t>(n));
   sqlite3_result_int64(ctx, n);
 }
 
@@ -196,7 +198,8 @@ int register_functions(Conn* conn) {
       {"zqrtree_defer", 2, direct, fn_defer},
       {"zqrtree_apply", 1, direct, fn_apply},
       {"zqrtree_check", 1, direct, fn_check},
-      {"zqrtree_fault_alloc", 1, direct, fn_fault_alloc},
+      {"zqrtree_fault_alloc", 1, direct, fn_fault<&zq::Database::fail_alloc_nth>},
+      {"zqrtree_fault_engine", 1, direct, fn_fault<&zq::Database::fail_engine_nth>},
       {Journal::kArmedFunction, 0, SQLITE_UTF8 | SQLITE_INNOCUOUS, fn_undo_armed},
   };
   for (const Function& f : functions) {
