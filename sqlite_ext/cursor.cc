@@ -204,6 +204,7 @@ int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_va
   c->has_args = false;
   c->query = zq::Box{};
   const Plan plan = decode_plan(idx_num);
+  if (std::string err = t->conn->refresh(); !err.empty()) return cursor_fail(c, err);
   zqenv_err_clear(t->conn->database().env());
   switch (plan.kind) {
     case Plan::kScan:

@@ -101,7 +101,30 @@ std::string Conn::open() {
 }
 
 void Conn::close_if_idle() {
-  if (tables.empty()) database_.reset();
+  if (!tables.empty()) return;
+  database_.reset();
+  data_versions.clear();
+}
+
+std::string Conn::refresh() {
+  bool changed = false;
+  for (const auto& [key, t] : tables) {
+    Stmt st(db, "PRAGMA " + quote(t->schema) + ".data_version");
+    if (!st.ok() || st.step() != SQLITE_ROW) return sqlite3_errmsg(db);
+    auto [it, fresh] = data_versions.try_emplace(lower(t->schema), st.int64(0));
+    if (!fresh && it->second != st.int64(0)) changed = true;
+    it->second = st.int64(0);
+  }
+  if (!changed) return "";
+  // No write of ours is open (another connection just committed), so the
+  // host's pending-change tables are empty and may go with the session.
+  for (const auto& [key, t] : tables) t->pending = nullptr;
+  database_.reset();
+  if (std::string err = open(); !err.empty()) return err;
+  for (const auto& [key, t] : tables)
+    if (zq::Status s = zq::Index::open(*database_, t->name, &t->index, t->schema); !s)
+      return s.message();
+  return "";
 }
 
 }  // namespace zqext

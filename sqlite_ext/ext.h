@@ -42,12 +42,18 @@ struct Conn {
   // has any (it disconnects every table first). The host's tables of pending
   // changes go with it; the work list keeps what they held.
   void close_if_idle();
+  // Starts a new session when another connection has committed to a database
+  // holding a connected table since this one last looked: the host keeps
+  // rowid counters and dictionary objects per session and would not see
+  // those rows. Call at the start of every scan, change and function.
+  std::string refresh();
 
   sqlite3* db;
   Journal journal;
-  std::map<std::string, Table*> tables;  // by lower-case "schema.name"
-  std::set<std::string> deferred;        // keys of the tables in deferred mode
-  uint32_t next_pending_id = 1;          // ids of the host's pending-change tables
+  std::map<std::string, Table*> tables;          // by lower-case "schema.name"
+  std::set<std::string> deferred;                // keys of the tables in deferred mode
+  uint32_t next_pending_id = 1;                  // ids of the host's pending-change tables
+  std::map<std::string, int64_t> data_versions;  // PRAGMA data_version last seen, by schema
 
  private:
   std::unique_ptr<zq::Database> database_;

@@ -35,8 +35,13 @@ std::string text_arg(sqlite3_value* v) {
 // The table named by the first argument, or null with the error reported.
 Table* table_arg(sqlite3_context* ctx, sqlite3_value** argv, const char* function) {
   std::string error;
-  Table* t = find_table(conn_of(ctx), text_arg(argv[0]), &error);
-  if (t == nullptr) result_error(ctx, std::string(function) + ": " + error);
+  Conn* conn = conn_of(ctx);
+  Table* t = find_table(conn, text_arg(argv[0]), &error);
+  if (t != nullptr) error = conn->refresh();
+  if (!error.empty()) {
+    result_error(ctx, std::string(function) + ": " + error);
+    return nullptr;
+  }
   return t;
 }
 

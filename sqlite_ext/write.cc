@@ -244,6 +244,7 @@ int resolve_conflict(Table* t, Change* ch) {
 
 int x_update(sqlite3_vtab* vtab, int argc, sqlite3_value** argv, sqlite3_int64* rowid) {
   Table* t = static_cast<Table*>(vtab);
+  if (std::string err = t->conn->refresh(); !err.empty()) return fail(t, failure(*t, err));
   zqenv_err_clear(t->conn->database().env());
   Change ch;
   const bool has_old = sqlite3_value_type(argv[0]) != SQLITE_NULL;

@@ -97,6 +97,25 @@ TEST(ExtCreate, ReconnectsInANewConnection) {
   EXPECT_EQ(db.one("SELECT zqrtree_check('t')"), "ok");
 }
 
+TEST(ExtChange, TwoConnectionsTakeTurnsOnOneTable) {
+  const std::string path = temp_path("ext_two.db");
+  std::remove(path.c_str());
+  Db a(path), b(path);
+  a.exec(create_sql("t", 2));
+  std::mt19937 rng(2);
+  // Turns long enough for the tree to split nodes in each connection.
+  for (int id = 1; id <= 600; ++id) {
+    Db& c = (id / 60) % 2 == 0 ? a : b;
+    c.exec("INSERT INTO t VALUES (" + std::to_string(id) + ", " + box_sql(random_box(rng, 2), 2) +
+           ")");
+    if (id % 97 == 0) c.exec("DELETE FROM t WHERE id = " + std::to_string(id - 50));
+  }
+  EXPECT_EQ(a.one("SELECT zqrtree_check('t')"), "ok");
+  EXPECT_EQ(a.rows("SELECT id FROM t('any', 0, 0, 0, 0) ORDER BY id"),
+            b.rows("SELECT id FROM t ORDER BY id"));
+  std::remove(path.c_str());
+}
+
 TEST(ExtChange, RandomChangesMatchAnOrdinaryTable) {
   for (int dims = 1; dims <= 3; ++dims) {
     SCOPED_TRACE("dims " + std::to_string(dims));
