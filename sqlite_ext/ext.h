@@ -173,9 +173,10 @@ class PendingScan {
   uint32_t op_ = 0;
   zq::Box query_;
 };
-// Puts every pending change into the tree; the caller's statement or journal
-// keeps it atomic. *applied counts the rowids whose entries changed.
-zq::Status apply_pending(Table* t, uint64_t* applied);
+// Puts every pending change into the tree, all or nothing: under the undo
+// journal, or (`journaled` false) where a failure rolls the transaction back
+// anyway. *applied counts the rowids whose entries changed.
+zq::Status apply_pending(Table* t, uint64_t* applied, bool journaled);
 bool has_pending(const Table& t);
 zq::Status defer_insert(Table* t, const zq::Entry& entry);
 zq::Status defer_remove(Table* t, int64_t id, const zq::Box& box);

@@ -114,7 +114,7 @@ void fn_load(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   // Pending changes go in first: the build starts from the base table, and
   // the tree then holds every row, so nothing may stay pending.
   uint64_t applied = 0;
-  if (zq::Status s = apply_pending(t, &applied); !s)
+  if (zq::Status s = apply_pending(t, &applied, true); !s)
     return result_error(ctx, failure(*t, s.message()));
   QuerySource source(db, text_arg(argv[1]), t->dims());
   if (!source.error().empty())
@@ -139,7 +139,7 @@ void fn_apply(sqlite3_context* ctx, int, sqlite3_value** argv) {
   Table* t = table_arg(ctx, argv, "zqrtree_apply");
   if (t == nullptr) return;
   uint64_t applied = 0;
-  if (zq::Status s = apply_pending(t, &applied); !s)
+  if (zq::Status s = apply_pending(t, &applied, true); !s)
     return result_error(ctx, failure(*t, s.message()));
   sqlite3_result_int64(ctx, static_cast<sqlite3_int64>(applied));
 }

@@ -205,10 +205,11 @@ zq::Status move_into_tree(Table* t, uint64_t* applied) {
 
 }  // namespace
 
-zq::Status apply_pending(Table* t, uint64_t* applied) {
+zq::Status apply_pending(Table* t, uint64_t* applied, bool journaled) {
   *applied = 0;
   if (!has_pending(*t)) return zq::Status::ok();
   if (zq::Status s = ensure_pending(t); !s) return s;
+  if (!journaled) return move_into_tree(t, applied);
   Journal& journal = t->conn->journal;
   if (std::string err = journal.watch(t->index.schema(), t->index.node_table()); !err.empty())
     return zq::Status::io(err);
@@ -262,7 +263,7 @@ zq::Status set_deferred(Table* t, bool on) {
     return s;
   }
   uint64_t applied = 0;
-  if (zq::Status s = apply_pending(t, &applied); !s) return s;
+  if (zq::Status s = apply_pending(t, &applied, true); !s) return s;
   if (t->pending != nullptr) zqtmp_drop(t->conn->database().session(), t->pending);
   t->pending = nullptr;
   t->conn->deferred.erase(t->key());
@@ -335,7 +336,9 @@ int x_rollback_to(sqlite3_vtab* vtab, int) {
 int x_sync(sqlite3_vtab* vtab) {
   Table* t = static_cast<Table*>(vtab);
   uint64_t applied = 0;
-  if (zq::Status s = apply_pending(t, &applied); !s)
+  // A failed xSync makes SQLite roll the whole transaction back, so the
+  // commit-time apply needs no journal of its own.
+  if (zq::Status s = apply_pending(t, &applied, false); !s)
     return fail(vtab, failure(*t, "applying the pending changes at commit: " + s.message()));
   return SQLITE_OK;
 }
