@@ -128,8 +128,7 @@ void Database::fail_alloc_nth(uint64_t nth) {
 }
 
 void Database::fail_engine_nth(uint64_t nth) {
-  // The host reports a SQLite failure as its base code minus SQLite's code.
-  constexpr int32_t kHostIoError = -2200 - SQLITE_IOERR;
+  constexpr int32_t kHostIoError = -2200 - SQLITE_IOERR;  // as the host reports SQLite's
   zqfault_raise_nth(env_, nth, nth == 0 ? 0 : kHostIoError, 0);
 }
 
@@ -169,7 +168,12 @@ Status engine_failure(const Database& db, int32_t code, std::string_view what) {
   }
   std::string trace(buf.data());
   zqenv_err_clear(db.env());
-  std::string msg = std::string(what) + " failed (code " + std::to_string(code) + ")";
+  std::string msg = std::string(what) + " failed (code " + std::to_string(code);
+  // The host reports SQLite's own failures as its base code minus SQLite's.
+  constexpr int32_t kHostSqliteBase = -2200;
+  if (code < kHostSqliteBase && code > kHostSqliteBase - 256)
+    msg += std::string(": ") + sqlite3_errstr(kHostSqliteBase - code);
+  msg += ")";
   if (trace.empty()) {
     msg += "; the error stack is empty";
   } else {
@@ -181,6 +185,12 @@ Status engine_failure(const Database& db, int32_t code, std::string_view what) {
 
 UserOp::UserOp(Database& db) : db_(db) {
   zqenv_err_clear(db.env());
+  if (sqlite3_get_autocommit(db.db()) == 0) {
+    begun_ = Status::io(
+        "the connection is already inside a transaction; each index operation is a "
+        "transaction of its own, so run it outside BEGIN ... COMMIT");
+    return;
+  }
   const int32_t rc = zqsess_begin(db.session());
   if (rc < 0) {
     begun_ = engine_failure(db, rc, "starting a transaction");

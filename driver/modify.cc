@@ -80,10 +80,10 @@ Status Index::remove(int64_t id, const Box& box) {
 }
 
 Status Index::remove(int64_t id) {
-  Box stored;
-  if (Status s = lookup(id, &stored); !s) return s;
   detail::UserOp op(*db_);
   if (!op.begun()) return op.begun();
+  Box stored;
+  if (Status s = lookup(id, &stored); !s) return s;
   detail::Handle handle(*this, detail::Handle::Mode::kWrite);
   if (!handle.created()) return handle.created();
   const rtr_rect rect = to_rect(stored);
