@@ -230,6 +230,17 @@ int64_t seed_rowid(Table* t, int32_t* code) {
   return next;
 }
 
+// Changes whenever the database file changes, by this connection or
+// another; 0 when the file cannot tell (then only the first use seeds).
+uint32_t file_data_version(Table* t) {
+  unsigned int v = 0;
+  if (sqlite3_file_control(t->sess->db, t->schema.c_str(), SQLITE_FCNTL_DATA_VERSION, &v) !=
+      SQLITE_OK) {
+    return t->seed_version;
+  }
+  return v;
+}
+
 }  // namespace
 
 Table::~Table() {
@@ -337,10 +348,14 @@ int64_t nbtr_get_next_rowid(zq_env*, zq_btr* btr, int32_t* code) {
     *code = zqhost::kErrBadArg;
     return 0;
   }
-  if (t->next_rowid == 0) {
+  // Another connection may have written the table since the counter was
+  // seeded; the file's data version says so, and then the seed is stale.
+  uint32_t version = zqhost::file_data_version(t);
+  if (t->next_rowid == 0 || version != t->seed_version) {
     int64_t seed = zqhost::seed_rowid(t, code);
     if (*code < 0) return 0;
-    t->next_rowid = seed;
+    t->next_rowid = std::max(seed, t->next_rowid);
+    t->seed_version = zqhost::file_data_version(t);
   }
   return t->next_rowid++;
 }

@@ -222,7 +222,8 @@ struct Table {
   zq_btr btr2{};  // a spatial temp table's (flag, rowid) index
   zq_recdesc desc{};
 
-  int64_t next_rowid = 0;  // 0: seed from max(rowid) + 1 on first use
+  int64_t next_rowid = 0;   // 0: seed from max(rowid) + 1 on first use
+  uint32_t seed_version = 0;  // the file's data version when next_rowid was seeded
   uint64_t dver = 0;       // data version: bumped by every row change of the host
 
   std::vector<sqlite3_stmt*> idle[kStmtKinds];  // seek statements no cursor holds

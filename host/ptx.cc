@@ -77,8 +77,14 @@ int32_t ptx3_begin_low_ex(zq_env* env, zq_ptx* ptx, uint32_t write_flag, uint32_
   ptx->write = write_flag != 0 ? 1 : 0;
   if (ptx->write) {
     int rc = zqhost::savepoint_begin(s);
-    if (rc != SQLITE_OK) return zqhost::sqlite_fail(env, s->db, rc, "ptx3_begin_low_ex");
-    ptx->state |= kSavepoint;
+    // SQLite refuses a savepoint while a write statement of the connection
+    // is running (a virtual table's methods run inside one): the write then
+    // goes without its own undo, and the statement's owner must undo it.
+    if (rc == SQLITE_OK) {
+      ptx->state |= kSavepoint;
+    } else if (rc != SQLITE_BUSY) {
+      return zqhost::sqlite_fail(env, s->db, rc, "ptx3_begin_low_ex");
+    }
   }
   ptx->state |= kOpen;
   ptx->impl[0] = s;
