@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Side-by-side benchmarks against peer spatial indexes.
 # Usage: scripts/bench.sh quick|full [BUILD_DIR]
-#   quick  a small set (10k-entry workloads and a small real set), all
+#   quick  a small set (5k-entry workloads, the first 5k Turin roads), all
 #          systems, under a minute; results go to BUILD_DIR/bench-quick/
 #   full   the standard set (1M 2-D boxes, uniform and clustered, and the
 #          Moscow road segments); results go to bench/results/latest.md and
@@ -44,8 +44,8 @@ done
 # storage is there) and our :memory: variants (the file ones are there).
 if [ "$mode" = quick ]; then
   out="$build/bench-quick"
-  n=10000
-  queries="0.00001:1000,0.0001:1000,0.01:50"
+  n=5000
+  queries="0.00001:500,0.0001:500,0.01:30"
   deletes=0.1
   timeout=60
   systems="sqlite:file,sqlite:memory,zq:bulk-file,zq:incr-file,zq:bulk-memory,zq:incr-memory"
@@ -82,7 +82,7 @@ if [ "$mode" = quick ]; then
   gen uniform-boxes-2d --dist uniform --kind boxes --dims 2 --n "$n"
   gen parcel-boxes-2d --dist parcel --kind boxes --dims 2 --n "$n"
   gen diagonal-points-3d --dist diagonal --kind points --dims 3 --n "$n"
-  gen turin-roads --csv "$data/osm-turin-roads-mbr.csv.gz"
+  gen turin-roads --csv "$data/osm-turin-roads-mbr.csv.gz" --limit "$n"
 else
   gen uniform-boxes-2d --dist uniform --kind boxes --dims 2 --n "$n"
   gen clustered-boxes-2d --dist clustered --kind boxes --dims 2 --n "$n"
