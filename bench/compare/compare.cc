@@ -11,7 +11,6 @@
 // (SQLite's R*Tree on a file by default). A runner that is not built (its
 // package is missing) is listed as skipped; a runner that fails, or any
 // disagreement on hits, makes the exit status 1 after everything ran.
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -23,7 +22,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <map>
@@ -65,7 +63,6 @@ struct Row {
 };
 
 struct Result {
-  std::string file;
   std::string name;
   int dims = 0;
   uint64_t n = 0, n_deletes = 0;
@@ -657,7 +654,6 @@ int main(int argc, char** argv) {
       return 1;
     }
     Result r;
-    r.file = file;
     r.name = w.name;
     r.dims = w.dims;
     r.n = w.entries.size();
