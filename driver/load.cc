@@ -126,6 +126,7 @@ Status rebuild_tree(
   if (Status s = feed([&feeder](const Entry& e) { return feeder.put(e); }); !s) return s;
   if (progress) progress("sorting", 0, feeder.count());
   if (Status s = feeder.finish(); !s) return s;
+  if (progress) progress("sorting", feeder.count(), feeder.count());
 
   // Only now, with the input read and checked, does the node table change:
   // a bulk build starts from an empty node table.
