@@ -7,7 +7,7 @@ namespace zqtool {
 void add_delete(CLI::App& app, Context& ctx) {
   struct Args {
     Target t;
-    int64_t id = 0;
+    std::string id;
     std::string box;
   };
   auto args = std::make_shared<Args>();
@@ -28,11 +28,11 @@ void add_delete(CLI::App& app, Context& ctx) {
       if (zq::Status s = ctx.open_index(args->t.db, args->t.index, &db, &index); !s)
         return ctx.fail(s);
       ctx.arm_faults(*db);
-      const zq::Status s = args->box.empty()
-                               ? index.remove(args->id)
-                               : index.remove(args->id, parse_box(args->box, index.dims()));
+      const int64_t id = parse_rowid(args->id);
+      const zq::Status s = args->box.empty() ? index.remove(id)
+                                             : index.remove(id, parse_box(args->box, index.dims()));
       if (!s) return ctx.fail(s);
-      ctx.note("deleted rowid {} from '{}'", args->id, args->t.index);
+      ctx.note("deleted rowid {} from '{}'", id, args->t.index);
       return kDone;
     };
   });

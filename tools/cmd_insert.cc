@@ -10,7 +10,7 @@ namespace {
 
 struct InsertArgs {
   Target t;
-  std::optional<int64_t> id;
+  std::optional<std::string> id;
   std::string box;
   std::string file;
   std::string format = "auto";
@@ -39,7 +39,7 @@ int run_insert(Context& ctx, const InsertArgs& a) {
   if (zq::Status s = ctx.open_index(a.t.db, a.t.index, &db, &index); !s) return ctx.fail(s);
   std::vector<zq::Entry> entries;
   if (a.id.has_value()) {
-    entries.push_back(zq::Entry{*a.id, parse_box(a.box, index.dims())});
+    entries.push_back(zq::Entry{parse_rowid(*a.id), parse_box(a.box, index.dims())});
   } else if (zq::Status s = read_entries(a, index.dims(), &entries); !s) {
     return ctx.fail(s);
   }

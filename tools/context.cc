@@ -85,6 +85,19 @@ std::string entry_csv(const zq::Entry& e, int dims) {
   return fmt::format("{},{}", e.id, box_text(e.box, dims));
 }
 
+int64_t parse_rowid(std::string_view text) {
+  std::string_view digits = text;
+  if (!digits.empty() && digits.front() == '+') digits.remove_prefix(1);
+  int64_t id = 0;
+  auto [p, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), id);
+  // Out-of-range text must not quietly become the nearest rowid: a delete
+  // would then remove another entry.
+  if (digits.empty() || ec != std::errc() || p != digits.data() + digits.size())
+    throw UsageError(fmt::format(
+        "ID '{}' is not a whole number from -9223372036854775808 to 9223372036854775807", text));
+  return id;
+}
+
 zq::Box parse_box(std::string_view text, int dims) {
   std::vector<double> values;
   size_t start = 0;

@@ -77,6 +77,9 @@ void set_example(CLI::App* cmd, const std::string& examples);
 // "min0,min1,...,max0,max1,..." (all minima, then all maxima) for `dims`
 // axes; throws UsageError naming the problem.
 zq::Box parse_box(std::string_view text, int dims);
+// A rowid given on the command line: a decimal whole number within int64;
+// throws UsageError naming the text otherwise.
+int64_t parse_rowid(std::string_view text);
 // One coordinate, shortest text that reads back to the same double.
 std::string number(double v);
 // "min0,...,max0,..." as BOX arguments take it.
