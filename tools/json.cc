@@ -126,7 +126,7 @@ bool JsonReader::container(Json* out, int depth) {
     if (is_object) {
       std::string key;
       if (!string(&key) || !expect(':') || !value_at(&item, depth + 1)) return false;
-      out->members.emplace_back(std::move(key), std::move(item));
+      out->members.push_back(JsonMember{std::move(key), std::move(item)});
     } else {
       if (!value_at(&item, depth + 1)) return false;
       out->items.push_back(std::move(item));

@@ -12,17 +12,26 @@
 
 namespace zqtool {
 
+struct JsonMember;
+
 struct Json {
   enum class Type { kNull, kBool, kNumber, kString, kArray, kObject };
   Type type = Type::kNull;
   bool boolean = false;
   double num = 0;
-  std::string str;                                    // a string, or a number's own text
-  std::vector<Json> items;                            // array elements
-  std::vector<std::pair<std::string, Json>> members;  // object members in order
+  std::string str;                  // a string, or a number's own text
+  std::vector<Json> items;          // array elements
+  std::vector<JsonMember> members;  // object members in order
   uint64_t line = 0;
 
   const Json* get(std::string_view key) const;  // null when absent or not an object
+};
+
+// A plain struct, not std::pair: a pair of a type still being defined trips
+// clang's library checks, and the fuzz build uses clang.
+struct JsonMember {
+  std::string first;  // the key
+  Json second;        // its value
 };
 
 class JsonReader {
