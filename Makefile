@@ -4,7 +4,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build build-asan test test-fast test-asan demo format bench bench-quick soak clean
+.PHONY: all deps build build-asan test test-fast test-asan test-tsan demo format bench bench-quick soak fuzz clean
 
 all: build
 
@@ -33,6 +33,37 @@ test-asan: build-asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
+# Readers beside a writer on one database, under ThreadSanitizer: only what
+# the concurrency test needs is built.
+TSAN_BUILD ?= build-tsan
+test-tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DZQ_BENCH=OFF \
+	  -DCMAKE_CXX_FLAGS="-fsanitize=thread -O1" -DCMAKE_C_FLAGS="-fsanitize=thread -O1" \
+	  -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread \
+	  $(CMAKE_FLAGS)
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target test_concurrency
+	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/concurrency/tsan.supp" \
+	  $(TSAN_BUILD)/tests/test_concurrency
+
+# libFuzzer targets built with clang; each runs FUZZ_SECONDS on a copy of
+# its corpus in the repository (new finds stay in $(FUZZ_BUILD)/corpus).
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 20
+FUZZ_TARGETS = node_decode check_rows csv geojson
+fuzz:
+	scripts/install-deps.sh fuzz
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DZQ_FUZZ=ON -DZQ_BENCH=OFF $(CMAKE_FLAGS)
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
+	@for t in $(FUZZ_TARGETS); do \
+	  log=$(FUZZ_BUILD)/fuzz_$$t.log; \
+	  mkdir -p $(FUZZ_BUILD)/corpus/$$t && cp fuzz/corpus/$$t/* $(FUZZ_BUILD)/corpus/$$t/ || exit 1; \
+	  $(FUZZ_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -max_len=8192 -artifact_prefix=$(FUZZ_BUILD)/ $(FUZZ_BUILD)/corpus/$$t >$$log 2>&1; rc=$$?; \
+	  echo "fuzz_$$t: $(FUZZ_SECONDS) s, $$(grep -h number_of_executed_units $$log | tr -s ' ' | cut -d' ' -f2) executions"; \
+	  if [ $$rc -ne 0 ]; then tail -60 $$log; exit 1; fi; \
+	done
+
 demo: build
 	scripts/demo.sh $(BUILD)
 
@@ -50,4 +81,4 @@ bench: build
 	scripts/bench.sh full $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, tests and benchmarks need, and only
-# those that are missing. Usage: scripts/install-deps.sh [core|bench|all]
+# those that are missing. Usage: scripts/install-deps.sh [core|bench|fuzz|all]
 set -euo pipefail
 
 core=(cmake make g++ pkg-config libsqlite3-dev sqlite3 libgtest-dev libgmock-dev
@@ -11,8 +11,9 @@ fuzz=(clang libclang-rt-14-dev)
 case "${1:-core}" in
   core) want=("${core[@]}") ;;
   bench) want=("${core[@]}" "${bench[@]}") ;;
+  fuzz) want=("${core[@]}" "${fuzz[@]}") ;;
   all) want=("${core[@]}" "${bench[@]}" "${fuzz[@]}") ;;
-  *) echo "usage: $0 [core|bench|all]" >&2; exit 2 ;;
+  *) echo "usage: $0 [core|bench|fuzz|all]" >&2; exit 2 ;;
 esac
 
 missing=()
