@@ -23,6 +23,27 @@ std::string sniff_stdin() {
   return c == '{' ? "geojson" : "csv";
 }
 
+// An input with no entries at all is refused: an empty or truncated file is
+// far more likely a mistake than a wish, and `load --replace` would turn it
+// into an empty index.
+class NonEmpty : public zq::EntrySource {
+ public:
+  NonEmpty(std::unique_ptr<zq::EntrySource> inner, std::string name)
+      : inner_(std::move(inner)), name_(std::move(name)) {}
+  bool next(zq::Entry* entry, zq::Status* status) override {
+    if (inner_->next(entry, status)) return ++seen_, true;
+    if (seen_ == 0 && *status) *status = zq::Status::invalid(name_ + ": no entries found");
+    return false;
+  }
+  std::string where() const override { return inner_->where(); }
+  uint64_t size_hint() const override { return inner_->size_hint(); }
+
+ private:
+  std::unique_ptr<zq::EntrySource> inner_;
+  std::string name_;
+  uint64_t seen_ = 0;
+};
+
 }  // namespace
 
 zq::Status open_entries(const std::string& path, const std::string& format, int dims,
@@ -34,15 +55,16 @@ zq::Status open_entries(const std::string& path, const std::string& format, int 
     else
       fmt = ends_with(path, ".geojson") || ends_with(path, ".json") ? "geojson" : "csv";
   }
+  const std::string name = path == "-" ? "<stdin>" : path;
   if (fmt == "geojson") {
     auto src = std::make_unique<GeoJsonSource>(path, dims);
     if (zq::Status s = src->open(); !s) return s;
-    *out = std::move(src);
+    *out = std::make_unique<NonEmpty>(std::move(src), name);
     return zq::Status::ok();
   }
   auto src = std::make_unique<CsvSource>(path, dims);
   if (zq::Status s = src->open(); !s) return s;
-  *out = std::move(src);
+  *out = std::make_unique<NonEmpty>(std::move(src), name);
   return zq::Status::ok();
 }
 
