@@ -47,6 +47,14 @@ zq::Status GeoJsonSource::invalid(const std::string& what) const {
   return zq::Status::invalid(fmt::format("{}: {}", name_, what));
 }
 
+namespace {
+
+std::string trailing_text(const JsonReader& r) {
+  return fmt::format("line {}: unexpected text after the GeoJSON object", r.line());
+}
+
+}  // namespace
+
 // Walks the top-level object up to its "features" array; a document that is
 // a single Feature is parsed whole instead.
 zq::Status GeoJsonSource::find_features() {
@@ -70,7 +78,21 @@ zq::Status GeoJsonSource::find_features() {
     return invalid("no \"features\" array: expected a FeatureCollection or a Feature");
   JsonReader whole(text_);
   if (!whole.value(&lone_)) return invalid(whole.error());
+  if (!whole.at_end()) return invalid(trailing_text(whole));
   is_lone_ = true;
+  return zq::Status::ok();
+}
+
+// The members after "features" and the end of the top-level object: a
+// document cut short or followed by more text is refused, not half read.
+zq::Status GeoJsonSource::finish_document() {
+  JsonReader& r = *reader_;
+  while (r.take(',')) {
+    std::string key;
+    if (!r.string(&key) || !r.expect(':') || !r.skip_value()) return invalid(r.error());
+  }
+  if (!r.expect('}')) return invalid(r.error());
+  if (!r.at_end()) return invalid(trailing_text(r));
   return zq::Status::ok();
 }
 
@@ -94,6 +116,7 @@ bool GeoJsonSource::next(zq::Entry* entry, zq::Status* status) {
     first_ = false;
     if (!more) {
       done_ = true;
+      *status = finish_document();
       return false;
     }
     if (!r.value(&feature)) {

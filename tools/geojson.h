@@ -26,6 +26,7 @@ class GeoJsonSource : public zq::EntrySource {
 
  private:
   zq::Status find_features();
+  zq::Status finish_document();
   zq::Status to_entry(const Json& feature, zq::Entry* entry) const;
   zq::Status box_of_geometry(const Json& geometry, zq::Box* box) const;
   zq::Status invalid(const std::string& what) const;
