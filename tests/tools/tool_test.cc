@@ -3,10 +3,7 @@
 // load, insert, delete and reload; CSV, GeoJSON and standard input; bad
 // input refused with a message naming file, line and field and the database
 // unchanged; failures injected into an operation leaving it as it was.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -14,6 +11,7 @@
 #include <random>
 #include <sstream>
 
+#include "common/tool_run.h"
 #include "driver/db_dump.h"
 #include "tools/model.h"
 
@@ -22,43 +20,14 @@ namespace {
 using zq::Box;
 using Model = std::map<int64_t, Box>;
 
-struct Outcome {
-  int status;  // exit status, or 128 + signal
-  std::string out;
-  std::string err;
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream f(path);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
-}
+using zqtest::Outcome;
+using zqtest::slurp;
 
 class ToolTest : public ::testing::Test {
  protected:
-  // Runs the tool with `args`; `input` becomes its standard input and `env`
-  // ("NAME=value") is added to its environment.
   Outcome run(const std::vector<std::string>& args, const std::string& input = "",
               const std::vector<std::string>& env = {}) {
-    const std::string in = dir_.file("stdin"), out = dir_.file("stdout"), err = dir_.file("stderr");
-    std::ofstream(in) << input;
-    const pid_t pid = fork();
-    if (pid == 0) {
-      dup2(open(in.c_str(), O_RDONLY), 0);
-      dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
-      dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-      for (const std::string& e : env) putenv(const_cast<char*>(e.c_str()));
-      std::vector<char*> argv{const_cast<char*>(tool_.c_str())};
-      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      execv(tool_.c_str(), argv.data());
-      _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return Outcome{code, slurp(out), slurp(err)};
+    return zqtest::run_tool(dir_, args, input, env);
   }
 
   std::string write(const std::string& name, const std::string& text) {
@@ -164,7 +133,6 @@ class ToolTest : public ::testing::Test {
   }
 
   zqtest::TempDir dir_;
-  const std::string tool_ = std::string(ZQ_BUILD_DIR) + "/tools/zqrtree";
   const std::string db_ = dir_.file("t.db");
 };
 
