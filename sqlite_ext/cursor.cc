@@ -84,10 +84,19 @@ int start_base(Cursor* c, const Plan& plan, sqlite3_value** argv) {
     return cursor_fail(
         c, std::string("reading the base table: ") + sqlite3_errmsg(c->table->conn->db));
   if (plan.kind == Plan::kRowid) {
-    // Only an integral number can equal a rowid.
+    // Only an integral number within int64 can equal a rowid. An integer is
+    // taken as it is: through a double the largest rowids would round away.
+    int64_t id = 0;
     double v = 0;
-    if (!numeric(argv[0], &v) || v != std::floor(v) || std::fabs(v) > 9.2e18) return SQLITE_OK;
-    c->base.bind(1, static_cast<int64_t>(sqlite3_value_int64(argv[0])));
+    if (!numeric(argv[0], &v)) return SQLITE_OK;
+    if (sqlite3_value_numeric_type(argv[0]) == SQLITE_INTEGER) {
+      id = sqlite3_value_int64(argv[0]);
+    } else if (v == std::floor(v) && v >= -0x1p63 && v < 0x1p63) {
+      id = static_cast<int64_t>(v);
+    } else {
+      return SQLITE_OK;
+    }
+    c->base.bind(1, id);
   }
   c->phase = Cursor::Phase::kBase;
   return step_base(c);
