@@ -21,6 +21,12 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
+#ifdef __SANITIZE_ADDRESS__
+constexpr int kRuns = 10;  // per operation: the sanitized tool is several times slower
+#else
+constexpr int kRuns = 20;
+#endif
+
 class CrashTest : public ::testing::Test {
  protected:
   zqtest::Outcome tool(const std::vector<std::string>& args) {
@@ -110,7 +116,7 @@ class CrashTest : public ::testing::Test {
 
   zqtest::TempDir dir_;
   const std::string tool_ = std::string(ZQ_BUILD_DIR) + "/tools/zqrtree";
-  const int runs_ = std::getenv("ZQ_CRASH_RUNS") ? std::atoi(std::getenv("ZQ_CRASH_RUNS")) : 20;
+  const int runs_ = std::getenv("ZQ_CRASH_RUNS") ? std::atoi(std::getenv("ZQ_CRASH_RUNS")) : kRuns;
 };
 
 TEST_F(CrashTest, KilledBulkLoadLeavesBeforeOrAfter) {
