@@ -14,7 +14,6 @@
 #include <thread>
 
 #include "common/process.h"
-#include "driver/db_dump.h"
 
 namespace {
 
@@ -30,7 +29,7 @@ constexpr int kRuns = 20;
 class CrashTest : public ::testing::Test {
  protected:
   zqtest::Outcome tool(const std::vector<std::string>& args) {
-    return zqtest::run_program(tool_, args, dir_.file("run"));
+    return zqtest::run_tool(dir_, args);
   }
 
   // Rows id,min0,min1,max0,max1 with ids from `first`; quarter-integer corners.
@@ -95,7 +94,7 @@ class CrashTest : public ::testing::Test {
     std::ofstream{in};
     for (int i = 0; i < runs && !HasFailure(); ++i) {
       copy_db(base, work);
-      const pid_t pid = zqtest::spawn(tool_, args, in, out, err);
+      const pid_t pid = zqtest::spawn_tool(args, in, out, err);
       std::this_thread::sleep_for(std::chrono::microseconds(static_cast<int64_t>(when(rng))));
       kill(pid, SIGKILL);
       if (zqtest::reap(pid) == 128 + SIGKILL) ++killed;
@@ -115,7 +114,6 @@ class CrashTest : public ::testing::Test {
   }
 
   zqtest::TempDir dir_;
-  const std::string tool_ = std::string(ZQ_BUILD_DIR) + "/tools/zqrtree";
   const int runs_ = std::getenv("ZQ_CRASH_RUNS") ? std::atoi(std::getenv("ZQ_CRASH_RUNS")) : kRuns;
 };
 
