@@ -5,11 +5,11 @@
 # Called with -DBIN=<dir of the bench programs> -DWORK=<scratch dir>.
 file(MAKE_DIRECTORY ${WORK})
 set(workloads)
-foreach(spec "uniform;boxes;2" "clustered;boxes;2" "parcel;boxes;2" "diagonal;points;2"
+foreach(job "uniform;boxes;2" "clustered;boxes;2" "parcel;boxes;2" "diagonal;points;2"
              "uniform;points;3" "parcel;boxes;3" "diagonal;boxes;3" "clustered;points;3")
-  list(GET spec 0 dist)
-  list(GET spec 1 kind)
-  list(GET spec 2 dims)
+  list(GET job 0 dist)
+  list(GET job 1 kind)
+  list(GET job 2 dims)
   set(file ${WORK}/${dist}-${kind}-${dims}d.wl)
   execute_process(COMMAND ${BIN}/bench_gen --out ${file} --dist ${dist} --kind ${kind}
                           --dims ${dims} --n 3000 --queries 0.00001:50,0.0001:50,0.01:10

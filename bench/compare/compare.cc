@@ -41,7 +41,7 @@ const char* const kDefaultSystems =
     "sidx:mem-rstar,sidx:disk-str,sidx:disk-rstar,boost:rstar,boost:pack,brute:scan";
 
 struct Row {
-  std::string spec;  // runner:variant#n, n counting the runner's rows
+  std::string job;  // runner:variant#n, n counting the runner's rows
   std::string label;
   std::map<std::string, std::vector<std::string>> kv;
   long peak_rss_kb = 0;
@@ -94,18 +94,18 @@ std::vector<std::string> split(const std::string& s, char sep) {
   return out;
 }
 
-bool is_ours(const std::string& spec) {
-  return spec.rfind("zq:", 0) == 0;
+bool is_ours(const std::string& job) {
+  return job.rfind("zq:", 0) == 0;
 }
 
 // Runs one runner; its rows come back with the child's peak RSS from wait4.
-std::vector<Row> run_one(const Config& cfg, const std::string& spec, const std::string& workload) {
-  const auto colon = spec.find(':');
-  const std::string runner = spec.substr(0, colon), variant = spec.substr(colon + 1);
+std::vector<Row> run_one(const Config& cfg, const std::string& job, const std::string& workload) {
+  const auto colon = job.find(':');
+  const std::string runner = job.substr(0, colon), variant = job.substr(colon + 1);
   const std::string exe = cfg.bin + "/bench_run_" + runner;
   Row failed;
-  failed.spec = spec + "#0";
-  failed.label = spec;
+  failed.job = job + "#0";
+  failed.label = job;
   if (access(exe.c_str(), X_OK) != 0) {
     failed.status = "skipped: " + exe + " not built (its package is not installed)";
     return {failed};
@@ -169,7 +169,7 @@ std::vector<Row> run_one(const Config& cfg, const std::string& spec, const std::
     words >> key;
     if (key == "row") {
       Row r;
-      r.spec = spec + "#" + std::to_string(rows.size());
+      r.job = job + "#" + std::to_string(rows.size());
       std::getline(words >> std::ws, r.label);
       rows.push_back(r);
     } else if (!rows.empty() && !key.empty()) {
@@ -255,7 +255,7 @@ size_t set_near(const Result& r, double sel) {
 
 void check_hits(Result& r) {
   for (size_t i = 0; i < r.rows.size(); ++i)
-    if (r.rows[i].status.empty() && r.rows[i].spec.rfind("brute:", 0) == 0) r.oracle = i;
+    if (r.rows[i].status.empty() && r.rows[i].job.rfind("brute:", 0) == 0) r.oracle = i;
   if (r.oracle == SIZE_MAX) r.oracle = r.base;
   if (r.oracle == SIZE_MAX) return;
   const Row& ref = r.rows[r.oracle];
@@ -372,9 +372,9 @@ void write_tables(std::ostream& md, const Result& r) {
   }
 }
 
-const Row* find_row(const Result& r, const std::string& spec) {
+const Row* find_row(const Result& r, const std::string& job) {
   for (const Row& row : r.rows)
-    if (row.spec == spec && row.status.empty()) return &row;
+    if (row.job == job && row.status.empty()) return &row;
   return nullptr;
 }
 
@@ -664,19 +664,19 @@ int main(int argc, char** argv) {
       r.n_queries.push_back(s.boxes.size());
     }
     w = Workload();  // the runners hold their own copies; ours only costs memory
-    for (const std::string& spec : cfg.systems) {
-      std::fprintf(stderr, "bench_compare: %s: %s ...\n", r.name.c_str(), spec.c_str());
-      for (Row& row : run_one(cfg, spec, file)) {
+    for (const std::string& job : cfg.systems) {
+      std::fprintf(stderr, "bench_compare: %s: %s ...\n", r.name.c_str(), job.c_str());
+      for (Row& row : run_one(cfg, job, file)) {
         if (row.status.rfind("failed", 0) == 0) {
           failed = true;
-          std::fprintf(stderr, "bench_compare: %s: %s %s\n", r.name.c_str(), spec.c_str(),
+          std::fprintf(stderr, "bench_compare: %s: %s %s\n", r.name.c_str(), job.c_str(),
                        row.status.c_str());
         }
         r.rows.push_back(row);
       }
     }
     for (size_t i = 0; i < r.rows.size() && r.base == SIZE_MAX; ++i)
-      if (r.rows[i].status.empty() && !is_ours(r.rows[i].spec)) r.base = i;
+      if (r.rows[i].status.empty() && !is_ours(r.rows[i].job)) r.base = i;
     check_hits(r);
     for (const std::string& m : r.mismatches)
       std::printf("MISMATCH %s: %s\n", r.name.c_str(), m.c_str());
