@@ -4,7 +4,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build build-asan test test-fast test-asan test-tsan demo format bench bench-quick soak fuzz clean
+.PHONY: all deps build build-asan test test-fast test-asan test-tsan fuzz-smoke demo format bench bench-quick soak fuzz clean
 
 all: build
 
@@ -23,8 +23,12 @@ build: deps $(BUILD)/CMakeCache.txt
 build-asan: deps $(ASAN_BUILD)/CMakeCache.txt
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-# The whole suite, in the normal build and under ASan+UBSan.
-test: test-fast test-asan
+# The whole suite: the normal build, ASan+UBSan, the concurrency test under
+# ThreadSanitizer, and each fuzz target for a few seconds.
+test: test-fast test-asan test-tsan fuzz-smoke
+
+fuzz-smoke:
+	$(MAKE) fuzz FUZZ_SECONDS=10
 
 test-fast: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
