@@ -101,6 +101,11 @@ class QuerySource : public zq::EntrySource {
   std::string error_;
 };
 
+bool is_number(sqlite3_value* v) {
+  const int type = sqlite3_value_numeric_type(v);
+  return type == SQLITE_INTEGER || type == SQLITE_FLOAT;
+}
+
 void fn_load(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   Table* t = table_arg(ctx, argv, "zqrtree_load");
   if (t == nullptr) return;
@@ -110,7 +115,12 @@ void fn_load(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
                         "zqrtree_load: runs as a transaction of its own; call it from a "
                         "plain SELECT outside BEGIN ... COMMIT");
   zq::LoadOptions options;
-  if (argc > 2) options.fill = sqlite3_value_double(argv[2]);
+  if (argc > 2) {
+    if (!is_number(argv[2]))
+      return result_error(ctx,
+                          "zqrtree_load: fill factor '" + text_arg(argv[2]) + "' is not a number");
+    options.fill = sqlite3_value_double(argv[2]);
+  }
   // Pending changes go in first: the build starts from the base table, and
   // the tree then holds every row, so nothing may stay pending.
   uint64_t applied = 0;
@@ -130,7 +140,11 @@ void fn_load(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
 void fn_defer(sqlite3_context* ctx, int, sqlite3_value** argv) {
   Table* t = table_arg(ctx, argv, "zqrtree_defer");
   if (t == nullptr) return;
-  const bool on = sqlite3_value_int(argv[1]) != 0;
+  const int type = sqlite3_value_numeric_type(argv[1]);
+  const int64_t value = sqlite3_value_int64(argv[1]);
+  if (type != SQLITE_INTEGER || (value != 0 && value != 1))
+    return result_error(ctx, "zqrtree_defer: the mode is 0 or 1, not '" + text_arg(argv[1]) + "'");
+  const bool on = value != 0;
   if (zq::Status s = set_deferred(t, on); !s) return result_error(ctx, failure(*t, s.message()));
   sqlite3_result_int(ctx, on ? 1 : 0);
 }
