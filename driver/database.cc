@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/default_hooks.h"
 #include "driver/index.h"
 #include "driver/internal.h"
 #include "host/host.h"
@@ -22,12 +23,7 @@ namespace zq {
 
 void install_hooks() {
   static std::once_flag once;
-  std::call_once(once, [] {
-    rtr_hook_init(zqhost_get_row_tag, zqhost_rec_is_visible, zqhost_rec_read_visible_version,
-                  zqhost_row_delete, zqhost_row_insert, zqhost_row_update_fixed,
-                  zqhost_row_update_unfixed, nullptr, nullptr, nullptr, zqhost_row_insert_failed,
-                  nullptr);
-  });
+  std::call_once(once, [] { zq_install_default_hooks(); });
 }
 
 // ---- settings ----

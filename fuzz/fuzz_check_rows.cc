@@ -10,6 +10,7 @@
 #include <string>
 
 #include "check/check.h"
+#include "driver/default_hooks.h"
 #include "host/host.h"
 #include "zqrtree/hook.h"
 
@@ -21,10 +22,7 @@ struct Setup {
   sqlite3_stmt* insert = nullptr;
 
   Setup() {
-    rtr_hook_init(zqhost_get_row_tag, zqhost_rec_is_visible, zqhost_rec_read_visible_version,
-                  zqhost_row_delete, zqhost_row_insert, zqhost_row_update_fixed,
-                  zqhost_row_update_unfixed, nullptr, nullptr, nullptr, zqhost_row_insert_failed,
-                  nullptr);
+    zq_install_default_hooks();
     env = zqenv_create();
     int32_t code = 0;
     sess = zqsess_open(env, ":memory:", &code);

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <vector>
 
+#include "driver/default_hooks.h"
 #include "host/host.h"
 #include "zqrtree/hook.h"
 #include "zqrtree/phy.h"
@@ -25,10 +26,7 @@ struct Setup {
   rtr_mem* rtr[4] = {};  // a handle per dimension count 1..3
 
   Setup() {
-    rtr_hook_init(zqhost_get_row_tag, zqhost_rec_is_visible, zqhost_rec_read_visible_version,
-                  zqhost_row_delete, zqhost_row_insert, zqhost_row_update_fixed,
-                  zqhost_row_update_unfixed, nullptr, nullptr, nullptr, zqhost_row_insert_failed,
-                  nullptr);
+    zq_install_default_hooks();
     env = zqenv_create();
     int32_t code = 0;
     sess = zqsess_open(env, ":memory:", &code);

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <random>
 
+#include "driver/default_hooks.h"
+
 namespace zqmicro {
 
 std::vector<rtr_cell> random_cells(size_t n, uint16_t dims, uint64_t seed) {
@@ -57,10 +59,7 @@ rtr_rect random_window(double selectivity, uint16_t dims, uint64_t* state) {
 }
 
 Session::Session(const std::string& path, uint16_t dims) : dims_(dims) {
-  rtr_hook_init(zqhost_get_row_tag, zqhost_rec_is_visible, zqhost_rec_read_visible_version,
-                zqhost_row_delete, zqhost_row_insert, zqhost_row_update_fixed,
-                zqhost_row_update_unfixed, nullptr, nullptr, nullptr, zqhost_row_insert_failed,
-                nullptr);
+  zq_install_default_hooks();
   env_ = zqenv_create();
   int32_t code = 0;
   sess_ = zqsess_open(env_, path.c_str(), &code);

@@ -20,6 +20,7 @@
 #include <memory>
 
 #include "bench/common/runner.h"
+#include "driver/default_hooks.h"
 #include "host/host.h"
 #include "zqrtree/zqrtree.h"
 
@@ -59,10 +60,7 @@ class Engine {
   }
 
   std::string open(const std::string& path, const Options& opt, int dims) {
-    rtr_hook_init(zqhost_get_row_tag, zqhost_rec_is_visible, zqhost_rec_read_visible_version,
-                  zqhost_row_delete, zqhost_row_insert, zqhost_row_update_fixed,
-                  zqhost_row_update_unfixed, nullptr, nullptr, nullptr, zqhost_row_insert_failed,
-                  nullptr);
+    zq_install_default_hooks();
     env_ = zqenv_create();
     if (env_ == nullptr) return "no environment";
     int32_t code = 0;

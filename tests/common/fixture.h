@@ -9,16 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "driver/default_hooks.h"
 #include "host/host.h"
 #include "zqrtree/zqrtree.h"
 
 namespace zqtest {
 
 inline void install_default_hooks() {
-  rtr_hook_init(zqhost_get_row_tag, zqhost_rec_is_visible, zqhost_rec_read_visible_version,
-                zqhost_row_delete, zqhost_row_insert, zqhost_row_update_fixed,
-                zqhost_row_update_unfixed, nullptr, nullptr, nullptr, zqhost_row_insert_failed,
-                nullptr);
+  zq_install_default_hooks();
 }
 
 struct Pushed {
@@ -36,7 +34,29 @@ inline std::vector<Pushed> error_stack(const zq_env* env) {
   return out;
 }
 
-inline void PrintTo(const Pushed& p, std::ostream* os) { *os << "{" << p.code << ", " << p.func << "}"; }
+inline void PrintTo(const Pushed& p, std::ostream* os) {
+  *os << "{" << p.code << ", " << p.func << "}";
+}
+
+// The node table of index "t", one "rowid|level|parent_id|hex(cells)" line
+// per row in rowid order: equal dumps mean the table is unchanged.
+inline std::string node_table_dump(zq_session* sess) {
+  std::string out;
+  sqlite3_stmt* st = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(zqsess_db(sess),
+                               "SELECT rowid, level, parent_id, hex(cells) FROM \"MDRT$t\" "
+                               "ORDER BY rowid",
+                               -1, &st, nullptr),
+            SQLITE_OK);
+  while (sqlite3_step(st) == SQLITE_ROW) {
+    for (int c = 0; c < 4; ++c) {
+      out += reinterpret_cast<const char*>(sqlite3_column_text(st, c));
+      out += c < 3 ? '|' : '\n';
+    }
+  }
+  sqlite3_finalize(st);
+  return out;
+}
 
 // A fresh in-memory database (or a file, when a test asks for one) holding
 // the empty node table of index "t".
@@ -106,9 +126,9 @@ inline bool have_shared_data(const char* file) {
   std::fclose(f);
   return true;
 }
-#define ZQ_REQUIRE_SHARED_DATA(file)                                                    \
-  do {                                                                                  \
-    if (!::zqtest::have_shared_data(file))                                              \
+#define ZQ_REQUIRE_SHARED_DATA(file)                                                       \
+  do {                                                                                     \
+    if (!::zqtest::have_shared_data(file))                                                 \
       GTEST_SKIP() << "real data set " << file << " not found in ../shared/data; skipped"; \
   } while (0)
 
