@@ -102,23 +102,7 @@ class FaultSweep : public treetest::TreeTest {
     expect_sound();
   }
 
-  std::string dump() {
-    std::string out;
-    sqlite3_stmt* st = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(zqsess_db(sess_),
-                                 "SELECT rowid, level, parent_id, hex(cells) FROM \"MDRT$t\" "
-                                 "ORDER BY rowid",
-                                 -1, &st, nullptr),
-              SQLITE_OK);
-    while (sqlite3_step(st) == SQLITE_ROW) {
-      for (int c = 0; c < 4; ++c) {
-        out += reinterpret_cast<const char*>(sqlite3_column_text(st, c));
-        out += c < 3 ? '|' : '\n';
-      }
-    }
-    sqlite3_finalize(st);
-    return out;
-  }
+  std::string dump() { return zqtest::node_table_dump(sess_); }
 
   static uint64_t counted(zq_env* env, const Fault& f) {
     return f.kind == kAlloc   ? zqfault_alloc_count(env)

@@ -20,8 +20,6 @@ using zqtest::Pushed;
 
 constexpr int32_t kRaised = -4711;  // an engine code, passed through unchanged
 
-using Snapshot = std::vector<std::tuple<int64_t, int64_t, int64_t, std::string>>;
-
 class FaultTest : public TreeTest {
  protected:
   // A tree of root level 2 from points (splits of points are 2 / 50, so the
@@ -46,22 +44,7 @@ class FaultTest : public TreeTest {
     return box2(x, y, x, y);
   }
 
-  Snapshot snapshot() {
-    Snapshot out;
-    sqlite3_stmt* st = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(zqsess_db(sess_),
-                                 "SELECT rowid, level, parent_id, hex(cells) FROM \"MDRT$t\" "
-                                 "ORDER BY rowid",
-                                 -1, &st, nullptr),
-              SQLITE_OK);
-    while (sqlite3_step(st) == SQLITE_ROW) {
-      out.emplace_back(sqlite3_column_int64(st, 0), sqlite3_column_int64(st, 1),
-                       sqlite3_column_int64(st, 2),
-                       reinterpret_cast<const char*>(sqlite3_column_text(st, 3)));
-    }
-    sqlite3_finalize(st);
-    return out;
-  }
+  std::string snapshot() { return zqtest::node_table_dump(sess_); }
 
   // The functions that pushed the raised code, innermost first.
   std::vector<std::string> chain() const {
@@ -80,7 +63,7 @@ class FaultTest : public TreeTest {
   // for n = 1, 2, ... until it succeeds; collects the chains seen.
   template <class Op>
   void fault_loop(Op op, const char* outer, std::set<std::vector<std::string>>* chains) {
-    const Snapshot before = snapshot();
+    const std::string before = snapshot();
     for (uint64_t nth = 1; nth < 500; ++nth) {
       ASSERT_EQ(zqsess_begin(sess_), 0) << nth;
       open(2);
