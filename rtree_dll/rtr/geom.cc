@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <type_traits>
 
+#include "rtr/geom_inline.h"
 #include "zqrtree/mem.h"
 
 static_assert(sizeof(rtr_rect) == 48, "six doubles");
@@ -20,161 +21,7 @@ static_assert(std::is_standard_layout_v<rtr_rect> && std::is_standard_layout_v<r
 
 namespace {
 
-constexpr double rtr_rect::*kMin[3] = {&rtr_rect::min0, &rtr_rect::min1, &rtr_rect::min2};
-constexpr double rtr_rect::*kMax[3] = {&rtr_rect::max0, &rtr_rect::max1, &rtr_rect::max2};
-
-inline double lo(const rtr_rect* r, unsigned k) {
-  return r->*kMin[k];
-}
-inline double hi(const rtr_rect* r, unsigned k) {
-  return r->*kMax[k];
-}
-inline double extent(const rtr_rect* r, unsigned k) {
-  return hi(r, k) - lo(r, k);
-}
-
-template <unsigned N>
-using Dims = std::integral_constant<unsigned, N>;
-
-// Calls body(Dims<n>) with the count clamped to 3.
-template <class Body>
-inline auto by_dims(uint32_t n, Body body) {
-  switch (n) {
-    case 0:
-      return body(Dims<0>{});
-    case 1:
-      return body(Dims<1>{});
-    case 2:
-      return body(Dims<2>{});
-    default:
-      return body(Dims<3>{});
-  }
-}
-
-template <unsigned N>
-double area(const rtr_rect* r) {
-  if constexpr (N == 0) {
-    return 1.0;
-  } else {
-    double product = extent(r, 0);
-    for (unsigned k = 1; k < N; ++k) product = product * extent(r, k);
-    return product;
-  }
-}
-
-template <unsigned N>
-double margin(const rtr_rect* r) {
-  if constexpr (N == 0) {
-    return 0.0;
-  } else {
-    double sum = extent(r, 0);
-    for (unsigned k = 1; k < N; ++k) sum = sum + extent(r, k);
-    return sum;
-  }
-}
-
-template <unsigned N>
-double overlap(const rtr_rect* a, const rtr_rect* b) {
-  double product = 1.0;
-  for (unsigned k = 0; k < N; ++k) {
-    const double l = lo(a, k) > lo(b, k) ? lo(a, k) : lo(b, k);
-    const double h = hi(a, k) < hi(b, k) ? hi(a, k) : hi(b, k);
-    if (l > h) return 0.0;
-    product = k == 0 ? h - l : product * (h - l);
-  }
-  return product;
-}
-
-template <unsigned N>
-void union_into(const rtr_rect* a, const rtr_rect* b, rtr_rect* out) {
-  for (unsigned k = 0; k < N; ++k) {
-    // Both inputs are read before out is written, so out may alias either.
-    // Ties and NaN take b's value.
-    const double mn = lo(a, k) < lo(b, k) ? lo(a, k) : lo(b, k);
-    const double mx = hi(a, k) > hi(b, k) ? hi(a, k) : hi(b, k);
-    out->*kMin[k] = mn;
-    out->*kMax[k] = mx;
-  }
-}
-
-template <unsigned N>
-void grow(rtr_rect* acc, const rtr_rect* b) {
-  for (unsigned k = 0; k < N; ++k) {
-    if (!(lo(b, k) > lo(acc, k))) acc->*kMin[k] = lo(b, k);
-    if (!(hi(acc, k) > hi(b, k))) acc->*kMax[k] = hi(b, k);
-  }
-}
-
-// Containment and overlap fail only on an ordered strict comparison, so a
-// NaN coordinate never makes them fail.
-template <unsigned N>
-bool contains(const rtr_rect* a, const rtr_rect* b) {
-  for (unsigned k = 0; k < N; ++k) {
-    if (lo(a, k) > lo(b, k) || hi(b, k) > hi(a, k)) return false;
-  }
-  return true;
-}
-
-template <unsigned N>
-bool overlaps(const rtr_rect* a, const rtr_rect* b) {
-  for (unsigned k = 0; k < N; ++k) {
-    if (lo(a, k) > hi(b, k) || lo(b, k) > hi(a, k)) return false;
-  }
-  return true;
-}
-
-template <unsigned N>
-bool equal(const rtr_rect* a, const rtr_rect* b) {
-  for (unsigned k = 0; k < N; ++k) {
-    if (!(lo(a, k) == lo(b, k)) || !(hi(a, k) == hi(b, k))) return false;
-  }
-  return true;
-}
-
-constexpr uint32_t kOverlapBits = RTR_OP_INTERSECT | RTR_OP_WITHIN;
-constexpr uint32_t kContainBits = RTR_OP_CONTAINS | RTR_OP_EQUAL;
-constexpr uint32_t kShapeBits = RTR_OP_INTERSECT | RTR_OP_CONTAINS | RTR_OP_WITHIN;
-
-// AND mode: CONTAINS makes INTERSECT and WITHIN go untested.
-template <unsigned N>
-bool leaf_and(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
-  if ((op & RTR_OP_CONTAINS) != 0) {
-    if (!contains<N>(e, q)) return false;
-  } else if ((op & RTR_OP_WITHIN) != 0) {
-    if (!contains<N>(q, e)) return false;
-    if ((op & RTR_OP_INTERSECT) != 0 && !overlaps<N>(e, q)) return false;
-  } else if ((op & RTR_OP_INTERSECT) != 0) {
-    if (!overlaps<N>(e, q)) return false;
-  }
-  // ANY is ignored in AND mode: an operator without bits accepts everything.
-  return (op & RTR_OP_EQUAL) == 0 || equal<N>(e, q);
-}
-
-template <unsigned N>
-bool leaf_or(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
-  if ((op & RTR_OP_ANY) != 0) return true;
-  if ((op & RTR_OP_INTERSECT) != 0 && overlaps<N>(e, q)) return true;
-  if ((op & RTR_OP_CONTAINS) != 0 && contains<N>(e, q)) return true;
-  if ((op & RTR_OP_WITHIN) != 0 && contains<N>(q, e)) return true;
-  if ((op & RTR_OP_EQUAL) != 0) return equal<N>(e, q);
-  return (op & kShapeBits) == 0;
-}
-
-// A subtree can hold an entry overlapping or within q only if its box
-// overlaps q, and one containing or equal to q only if its box contains q.
-template <unsigned N>
-bool branch_and(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
-  if ((op & kOverlapBits) != 0 && !overlaps<N>(e, q)) return false;
-  return (op & kContainBits) == 0 || contains<N>(e, q);
-}
-
-template <unsigned N>
-bool branch_or(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
-  if ((op & RTR_OP_ANY) != 0) return true;
-  if ((op & kOverlapBits) != 0 && overlaps<N>(e, q)) return true;
-  if ((op & kContainBits) != 0) return contains<N>(e, q);
-  return (op & kOverlapBits) == 0;
-}
+using namespace zqrtree::geom;
 
 inline int32_t as_int(bool b) {
   return b ? 1 : 0;
@@ -233,17 +80,11 @@ int32_t rtr_rect_any(void) {
 }
 
 int32_t rtr_leaf_rect_cmp(const rtr_rect* e, const rtr_rect* q, uint32_t n_dims, uint32_t op) {
-  const bool or_mode = (op & RTR_OP_OR) != 0;
-  return by_dims(n_dims, [&](auto d) {
-    return as_int(or_mode ? leaf_or<d()>(e, q, op) : leaf_and<d()>(e, q, op));
-  });
+  return by_dims(n_dims, [&](auto d) { return as_int(leaf_test<d()>(e, q, op)); });
 }
 
 int32_t rtr_branch_rect_cmp(const rtr_rect* e, const rtr_rect* q, uint32_t n_dims, uint32_t op) {
-  const bool or_mode = (op & RTR_OP_OR) != 0;
-  return by_dims(n_dims, [&](auto d) {
-    return as_int(or_mode ? branch_or<d()>(e, q, op) : branch_and<d()>(e, q, op));
-  });
+  return by_dims(n_dims, [&](auto d) { return as_int(branch_test<d()>(e, q, op)); });
 }
 
 }  // extern "C"
