@@ -78,6 +78,15 @@ void rtr_make_young(rtr_mem* rtr, rtr_node* node) {
 
 int32_t rtr_node_acquire(zq_env* env, rtr_mem* rtr, int64_t node_id, rtr_node** out) {
   *out = nullptr;
+  // A cursor acquires the node it released last, which is already the
+  // youngest: answer without walking the hash chain. Cached ids are unique
+  // except 0, which a failed id draw leaves on new nodes, so 0 takes the walk.
+  rtr_node* youngest = rtr->lru_first;
+  if (youngest != nullptr && youngest->id == node_id && node_id != 0) {
+    ++youngest->ref_count;
+    *out = youngest;
+    return RTR_OK;
+  }
   rtr_node* node = rtr_node_hash_lookup(rtr, node_id);
   if (node != nullptr) {
     ++node->ref_count;

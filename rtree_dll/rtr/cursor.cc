@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "rtr/frame.h"
+#include "rtr/geom_inline.h"
 
 namespace {
 
@@ -29,15 +30,52 @@ struct Hit {
 
 // Tests the cells of the top point's node from its cell_no on; returns the
 // index of the first match or n_cells. The point's cell_no already names the
-// next cell to test when the compare runs.
-uint32_t scan(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
-  rtr_rect_cmp_fn cmp = rtr_get_rect_cmp_fun(node->level);
-  while (point->cell_no < node->n_cells) {
-    uint32_t i = point->cell_no;
-    point->cell_no = static_cast<uint8_t>(i + 1);
-    if (cmp(&node->cells[i].rect, &cur->rect, kCursorAxes, cur->op) != 0) return i;
+// next cell to test when the compare runs. The tests are the ones
+// rtr_get_rect_cmp_fun hands out, inlined for two axes.
+// The plain window query: leaf and branch tests both reduce to overlap on
+// the two axes. Evaluated without short-circuit so that a node's cells cost
+// no mispredicted branches; an unordered compare is false either way.
+uint32_t scan_overlap(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
+  const uint32_t n = node->n_cells;
+  uint32_t i = point->cell_no;
+  if (i >= n) return n;
+  const rtr_rect& q = cur->rect;
+  for (; i < n; ++i) {
+    const rtr_rect& e = node->cells[i].rect;
+    const bool apart =
+        (e.min0 > q.max0) | (q.min0 > e.max0) | (e.min1 > q.max1) | (q.min1 > e.max1);
+    if (!apart) {
+      point->cell_no = static_cast<uint8_t>(i + 1);
+      return i;
+    }
   }
-  return node->n_cells;
+  point->cell_no = static_cast<uint8_t>(n);
+  return n;
+}
+
+template <bool kLeaf>
+uint32_t scan_cells(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
+  const uint32_t n = node->n_cells;
+  const uint32_t op = cur->op;
+  uint32_t i = point->cell_no;
+  if (i >= n) return n;
+  for (; i < n; ++i) {
+    const rtr_rect* e = &node->cells[i].rect;
+    const bool match = kLeaf ? zqrtree::geom::leaf_test<kCursorAxes>(e, &cur->rect, op)
+                             : zqrtree::geom::branch_test<kCursorAxes>(e, &cur->rect, op);
+    if (match) {
+      point->cell_no = static_cast<uint8_t>(i + 1);
+      return i;
+    }
+  }
+  point->cell_no = static_cast<uint8_t>(n);
+  return n;
+}
+
+uint32_t scan(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
+  if (cur->op == RTR_OP_INTERSECT) return scan_overlap(cur, point, node);
+  return node->level == 0 ? scan_cells<true>(cur, point, node)
+                          : scan_cells<false>(cur, point, node);
 }
 
 }  // namespace

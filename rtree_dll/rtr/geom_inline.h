@@ -11,18 +11,22 @@
 
 #include "zqrtree/geom.h"
 
+// Forced: at -O2 the compiler keeps some of these out of line, and a call per
+// cell test costs more than the test.
+#define ZQ_GEOM_INLINE [[gnu::always_inline]] inline
+
 namespace zqrtree::geom {
 
 inline constexpr double rtr_rect::*kMin[3] = {&rtr_rect::min0, &rtr_rect::min1, &rtr_rect::min2};
 inline constexpr double rtr_rect::*kMax[3] = {&rtr_rect::max0, &rtr_rect::max1, &rtr_rect::max2};
 
-inline double lo(const rtr_rect* r, unsigned k) {
+ZQ_GEOM_INLINE double lo(const rtr_rect* r, unsigned k) {
   return r->*kMin[k];
 }
-inline double hi(const rtr_rect* r, unsigned k) {
+ZQ_GEOM_INLINE double hi(const rtr_rect* r, unsigned k) {
   return r->*kMax[k];
 }
-inline double extent(const rtr_rect* r, unsigned k) {
+ZQ_GEOM_INLINE double extent(const rtr_rect* r, unsigned k) {
   return hi(r, k) - lo(r, k);
 }
 
@@ -45,7 +49,7 @@ inline auto by_dims(uint32_t n, Body body) {
 }
 
 template <unsigned N>
-double area(const rtr_rect* r) {
+ZQ_GEOM_INLINE double area(const rtr_rect* r) {
   if constexpr (N == 0) {
     return 1.0;
   } else {
@@ -56,7 +60,7 @@ double area(const rtr_rect* r) {
 }
 
 template <unsigned N>
-double margin(const rtr_rect* r) {
+ZQ_GEOM_INLINE double margin(const rtr_rect* r) {
   if constexpr (N == 0) {
     return 0.0;
   } else {
@@ -67,7 +71,7 @@ double margin(const rtr_rect* r) {
 }
 
 template <unsigned N>
-double overlap(const rtr_rect* a, const rtr_rect* b) {
+ZQ_GEOM_INLINE double overlap(const rtr_rect* a, const rtr_rect* b) {
   double product = 1.0;
   for (unsigned k = 0; k < N; ++k) {
     const double l = lo(a, k) > lo(b, k) ? lo(a, k) : lo(b, k);
@@ -79,7 +83,7 @@ double overlap(const rtr_rect* a, const rtr_rect* b) {
 }
 
 template <unsigned N>
-void union_into(const rtr_rect* a, const rtr_rect* b, rtr_rect* out) {
+ZQ_GEOM_INLINE void union_into(const rtr_rect* a, const rtr_rect* b, rtr_rect* out) {
   for (unsigned k = 0; k < N; ++k) {
     // Both inputs are read before out is written, so out may alias either.
     // Ties and NaN take b's value.
@@ -91,7 +95,7 @@ void union_into(const rtr_rect* a, const rtr_rect* b, rtr_rect* out) {
 }
 
 template <unsigned N>
-void grow(rtr_rect* acc, const rtr_rect* b) {
+ZQ_GEOM_INLINE void grow(rtr_rect* acc, const rtr_rect* b) {
   for (unsigned k = 0; k < N; ++k) {
     if (!(lo(b, k) > lo(acc, k))) acc->*kMin[k] = lo(b, k);
     if (!(hi(acc, k) > hi(b, k))) acc->*kMax[k] = hi(b, k);
@@ -101,7 +105,7 @@ void grow(rtr_rect* acc, const rtr_rect* b) {
 // Containment and overlap fail only on an ordered strict comparison, so a
 // NaN coordinate never makes them fail.
 template <unsigned N>
-bool contains(const rtr_rect* a, const rtr_rect* b) {
+ZQ_GEOM_INLINE bool contains(const rtr_rect* a, const rtr_rect* b) {
   for (unsigned k = 0; k < N; ++k) {
     if (lo(a, k) > lo(b, k) || hi(b, k) > hi(a, k)) return false;
   }
@@ -109,7 +113,7 @@ bool contains(const rtr_rect* a, const rtr_rect* b) {
 }
 
 template <unsigned N>
-bool overlaps(const rtr_rect* a, const rtr_rect* b) {
+ZQ_GEOM_INLINE bool overlaps(const rtr_rect* a, const rtr_rect* b) {
   for (unsigned k = 0; k < N; ++k) {
     if (lo(a, k) > hi(b, k) || lo(b, k) > hi(a, k)) return false;
   }
@@ -117,7 +121,7 @@ bool overlaps(const rtr_rect* a, const rtr_rect* b) {
 }
 
 template <unsigned N>
-bool equal(const rtr_rect* a, const rtr_rect* b) {
+ZQ_GEOM_INLINE bool equal(const rtr_rect* a, const rtr_rect* b) {
   for (unsigned k = 0; k < N; ++k) {
     if (!(lo(a, k) == lo(b, k)) || !(hi(a, k) == hi(b, k))) return false;
   }
@@ -130,7 +134,7 @@ constexpr uint32_t kShapeBits = RTR_OP_INTERSECT | RTR_OP_CONTAINS | RTR_OP_WITH
 
 // AND mode: CONTAINS makes INTERSECT and WITHIN go untested.
 template <unsigned N>
-bool leaf_and(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
+ZQ_GEOM_INLINE bool leaf_and(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
   if ((op & RTR_OP_CONTAINS) != 0) {
     if (!contains<N>(e, q)) return false;
   } else if ((op & RTR_OP_WITHIN) != 0) {
@@ -144,7 +148,7 @@ bool leaf_and(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
 }
 
 template <unsigned N>
-bool leaf_or(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
+ZQ_GEOM_INLINE bool leaf_or(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
   if ((op & RTR_OP_ANY) != 0) return true;
   if ((op & RTR_OP_INTERSECT) != 0 && overlaps<N>(e, q)) return true;
   if ((op & RTR_OP_CONTAINS) != 0 && contains<N>(e, q)) return true;
@@ -156,13 +160,13 @@ bool leaf_or(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
 // A subtree can hold an entry overlapping or within q only if its box
 // overlaps q, and one containing or equal to q only if its box contains q.
 template <unsigned N>
-bool branch_and(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
+ZQ_GEOM_INLINE bool branch_and(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
   if ((op & kOverlapBits) != 0 && !overlaps<N>(e, q)) return false;
   return (op & kContainBits) == 0 || contains<N>(e, q);
 }
 
 template <unsigned N>
-bool branch_or(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
+ZQ_GEOM_INLINE bool branch_or(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
   if ((op & RTR_OP_ANY) != 0) return true;
   if ((op & kOverlapBits) != 0 && overlaps<N>(e, q)) return true;
   if ((op & kContainBits) != 0) return contains<N>(e, q);
@@ -170,12 +174,12 @@ bool branch_or(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
 }
 
 template <unsigned N>
-bool leaf_test(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
+ZQ_GEOM_INLINE bool leaf_test(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
   return (op & RTR_OP_OR) != 0 ? leaf_or<N>(e, q, op) : leaf_and<N>(e, q, op);
 }
 
 template <unsigned N>
-bool branch_test(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
+ZQ_GEOM_INLINE bool branch_test(const rtr_rect* e, const rtr_rect* q, uint32_t op) {
   return (op & RTR_OP_OR) != 0 ? branch_or<N>(e, q, op) : branch_and<N>(e, q, op);
 }
 
