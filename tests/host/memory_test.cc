@@ -1,6 +1,6 @@
-// Memory: allocation-countdown and pool-name faults, accounting of live
-// blocks, heaps and pools, and the env freeing whatever a failure path left
-// behind (the ASan build checks that nothing leaks).
+// Memory: the allocation countdown every fault test relies on, accounting
+// of live blocks, scratch heaps and node pools, and the env freeing whatever
+// a failure path left behind (the ASan build checks that nothing leaks).
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -24,7 +24,8 @@ class MemoryTest : public ::testing::Test {
 };
 
 // One allocation of each counted kind, in this order; each returns whether
-// it got its memory.
+// it got its memory. A kind the countdown missed would never be failed by
+// the fault sweeps.
 TEST_F(MemoryTest, CountdownFailsExactlyTheNthAllocation) {
   zq_recdesc desc{5, 1, 0, 0, 1, 0, sizeof(zq_value), 4};
   zq_memobj scratch_storage{};
@@ -68,25 +69,6 @@ TEST_F(MemoryTest, CountdownFailsExactlyTheNthAllocation) {
   EXPECT_EQ(zqfault_alloc_count(env_), 3u);
 }
 
-TEST_F(MemoryTest, PoolNameFaultFailsEveryCreationOfThatName) {
-  zqfault_fail_pool(env_, "RTREE_CREATE_POOL");
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(rt_memobj_mem2_pool_create_low(env_, 0, "RTREE_CREATE_POOL", 0x100000, 0, 0, 0, 0, 0,
-                                             __FILE__, __LINE__),
-              nullptr);
-  }
-  zq_memobj* other =
-      rt_memobj_mem2_pool_create_low(env_, 0, "OTHER", 4096, 0, 0, 0, 0, 0, __FILE__, __LINE__);
-  EXPECT_NE(other, nullptr);
-  rt_memobj_destroy(env_, other);
-  zqfault_fail_pool(env_, nullptr);
-  zq_memobj* pool = rt_memobj_mem2_pool_create_low(env_, 0, "RTREE_CREATE_POOL", 0x100000, 0, 0, 0,
-                                                   0, 0, __FILE__, __LINE__);
-  EXPECT_NE(pool, nullptr);
-  rt_memobj_destroy(env_, pool);
-  EXPECT_EQ(zqenv_live_allocs(env_), 0u);
-}
-
 TEST(MemoryLeaks, EnvCountsLiveAllocationsAndFreesWhatFailurePathsLeft) {
   zq_env* env = zqenv_create();
   for (int i = 0; i < 5; ++i) {
@@ -111,49 +93,45 @@ TEST(MemoryLeaks, EnvCountsLiveAllocationsAndFreesWhatFailurePathsLeft) {
   zqenv_destroy(env);  // the leak checker of the sanitizer build verifies the rest
 }
 
-TEST_F(MemoryTest, ScratchHeapUsesTheStackAreaFirstThenGrows) {
+// A scratch heap takes the caller's stack area first, then grows; blocks do
+// not overlap, only the latest can be given back, and a recycled fast heap
+// starts in its inline chunk again.
+TEST_F(MemoryTest, ScratchHeapsUseTheAreaFirstGrowAndAreRecycledClean) {
   alignas(16) uint8_t area[2048];
   zq_heap* heap = mem_heap_create_low2(env_, area, sizeof area, __FILE__, __LINE__);
   auto* at = reinterpret_cast<uint8_t*>(heap);
   EXPECT_TRUE(at >= area && at < area + sizeof area) << "a big enough area holds the heap itself";
   zq_memobj storage;
   zq_memobj* obj = rt_memobj_create_ex(env_, &storage, heap);
-  ASSERT_EQ(obj, &storage);
-  auto alloc = [&](size_t n) {
-    return static_cast<uint8_t*>(obj->alloc(env_, obj->heap, n, "", 0));
+  auto alloc = [&](zq_memobj* o, size_t n) {
+    return static_cast<uint8_t*>(o->alloc(env_, o->heap, n, "", 0));
   };
-  uint8_t* a = alloc(100);
-  uint8_t* b = alloc(1);
+  uint8_t* a = alloc(obj, 100);
+  uint8_t* b = alloc(obj, 1);
   EXPECT_TRUE(a >= area && a + 100 <= area + sizeof area);
   EXPECT_TRUE(aligned16(a) && aligned16(b));
   EXPECT_GE(b, a + 100);
-  uint8_t* big = alloc(40000);  // beyond the area and any default chunk
+  uint8_t* big = alloc(obj, 40000);  // beyond the area and any default chunk
   ASSERT_NE(big, nullptr);
   EXPECT_TRUE(big < area || big >= area + sizeof area);
   std::memset(big, 7, 40000);
-  // Only the latest block can be given back; it is then handed out again.
-  uint8_t* c = alloc(64);
+  uint8_t* c = alloc(obj, 64);
   obj->free(env_, obj->heap, c);
-  EXPECT_EQ(alloc(64), c);
+  EXPECT_EQ(alloc(obj, 64), c);
   obj->free(env_, obj->heap, a);
-  EXPECT_NE(alloc(100), a);
+  EXPECT_NE(alloc(obj, 100), a);
   rt_memobj_destroy(env_, obj);
   EXPECT_EQ(obj->heap, nullptr);
-  EXPECT_EQ(zqenv_live_allocs(env_), 0u);
-}
 
-TEST_F(MemoryTest, FastHeapsAreRecycledAndStartClean) {
-  zq_memobj storage;
   zq_memobj* first = rt_memobj_heap_create_fast_ex(env_, &storage, 2048, __FILE__, __LINE__);
-  zq_heap* heap = first->heap;
-  void* p = first->alloc(env_, first->heap, 3000, "", 0);  // grows past the first chunk
-  ASSERT_NE(p, nullptr);
+  zq_heap* fast = first->heap;
+  ASSERT_NE(alloc(first, 3000), nullptr);  // grows past the first chunk
   rt_memobj_destroy(env_, first);
   zq_memobj* again = rt_memobj_heap_create_fast_ex(env_, &storage, 2048, __FILE__, __LINE__);
-  EXPECT_EQ(again->heap, heap) << "the env kept the freed heap for the next one";
+  EXPECT_EQ(again->heap, fast) << "the env kept the freed heap for the next one";
   EXPECT_EQ(zqenv_live_allocs(env_), 1u);
-  auto* q = static_cast<uint8_t*>(again->alloc(env_, again->heap, 1500, "", 0));
-  auto* h = reinterpret_cast<uint8_t*>(heap);
+  uint8_t* q = alloc(again, 1500);
+  auto* h = reinterpret_cast<uint8_t*>(fast);
   EXPECT_TRUE(q > h && q < h + 2048 + 512) << "allocations start in the inline chunk again";
   rt_memobj_destroy(env_, again);
   EXPECT_EQ(zqenv_live_allocs(env_), 0u);

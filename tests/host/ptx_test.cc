@@ -5,29 +5,29 @@
 #include <functional>
 
 #include "host/internal.h"
-#include "tests/host/host_fixture.h"
+#include "tests/common/fixture.h"
 
 namespace {
 
-using zqhosttest::HostFixture;
-using zqhosttest::pattern;
-using zqhosttest::Scratch;
-using zqhosttest::SqlRow;
+using zqtest::pattern;
+using zqtest::Scratch;
+using zqtest::SqlRow;
 
-class PtxTest : public HostFixture {
+class PtxTest : public zqtest::HostTest {
  protected:
   void SetUp() override {
-    HostFixture::SetUp();
-    ASSERT_EQ(insert(1, 0, 0, pattern(20, 1)), 0);
-    ASSERT_EQ(insert(2, 0, 0, pattern(70, 2)), 0);
-    before_ = rows();
+    HostTest::SetUp();
+    find_table();
+    ASSERT_EQ(put_row(1, 0, 0, pattern(20, 1)), 0);
+    ASSERT_EQ(put_row(2, 0, 0, pattern(70, 2)), 0);
+    before_ = sql_rows();
   }
 
   // Insert of row 3, update of row 1's parent, delete of row 2: three row
   // actions inside `ptx`.
   void change_all(zq_ptx* ptx, zq_memobj* mem) {
     zq_key* k3 = tuple4_key_create(env_, mem, desc_, 3, __FILE__, __LINE__);
-    ASSERT_EQ(zqhost_row_insert(ptx, sess_, table_, index_, desc_,
+    ASSERT_EQ(zqhost_row_insert(ptx, sess_, table_, real_index_, desc_,
                                 make_row(mem, 3, 1, 1, pattern(90, 3)), k3, 0, 0),
               0);
     const uint16_t parent[] = {1};
@@ -35,11 +35,11 @@ class PtxTest : public HostFixture {
     vals->values[0].notnull = 1;
     vals->values[0].u.i64 = 77;
     zq_key* k1 = tuple4_key_create(env_, mem, desc_, 1, __FILE__, __LINE__);
-    ASSERT_EQ(
-        zqhost_row_update_fixed(ptx, sess_, table_, index_, desc_, k1, vals, vals, 0, 0, nullptr),
-        0);
+    ASSERT_EQ(zqhost_row_update_fixed(ptx, sess_, table_, real_index_, desc_, k1, vals, vals, 0, 0,
+                                      nullptr),
+              0);
     zq_key* k2 = tuple4_key_create(env_, mem, desc_, 2, __FILE__, __LINE__);
-    ASSERT_EQ(zqhost_row_delete(ptx, sess_, table_, index_, desc_, k2, 0, 0, nullptr), 0);
+    ASSERT_EQ(zqhost_row_delete(ptx, sess_, table_, real_index_, desc_, k2, 0, 0, nullptr), 0);
   }
 
   std::vector<SqlRow> before_;
@@ -55,10 +55,10 @@ TEST_F(PtxTest, CommitKeepsAndRollbackUndoesEveryRowAction) {
     if (commit) {
       ASSERT_EQ(ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT), 0);
       std::vector<SqlRow> want{{1, 0, 77, pattern(20, 1), 0}, {3, 1, 1, pattern(90, 3), 0}};
-      EXPECT_EQ(rows(), want);
+      EXPECT_EQ(sql_rows(), want);
     } else {
       ptx3_rollback(&ptx, -1);
-      EXPECT_EQ(rows(), before_);
+      EXPECT_EQ(sql_rows(), before_);
     }
     EXPECT_EQ(env_->active_ptx, nullptr);
   }
@@ -80,7 +80,7 @@ TEST_F(PtxTest, RaisePointEndsThePtxTheWayTheFrameChooses) {
     zq_ptx ptx;
     ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 1, 0, __FILE__, __LINE__), 0);
     zq_key* k3 = tuple4_key_create(env_, mem.get(), desc_, 3, __FILE__, __LINE__);
-    ASSERT_EQ(zqhost_row_insert(&ptx, sess_, table_, index_, desc_,
+    ASSERT_EQ(zqhost_row_insert(&ptx, sess_, table_, real_index_, desc_,
                                 make_row(mem.get(), 3, 0, 0, pattern(5, 5)), k3, 0, 0),
               0);
     nbtr_cur cur;
@@ -100,7 +100,7 @@ TEST_F(PtxTest, RaisePointEndsThePtxTheWayTheFrameChooses) {
     }
     ASSERT_TRUE(raised);
     EXPECT_EQ(zqfault_raise_count(env_), 2u);
-    EXPECT_EQ(rows().size(), c.kept ? 3u : 2u);
+    EXPECT_EQ(sql_rows().size(), c.kept ? 3u : 2u);
     exec("DELETE FROM \"MDRT$t\" WHERE rowid = 3");
   }
 }
@@ -175,23 +175,23 @@ TEST_F(PtxTest, InjectedCallbackFailureTouchesNothing) {
       {3,
        [&](zq_ptx* p, int64_t id) {
          zq_key* k = tuple4_key_create(env_, mem.get(), desc_, id, __FILE__, __LINE__);
-         return zqhost_row_delete(p, sess_, table_, index_, desc_, k, 0, 0, nullptr);
+         return zqhost_row_delete(p, sess_, table_, real_index_, desc_, k, 0, 0, nullptr);
        }},
       {4,
        [&](zq_ptx* p, int64_t id) {
          zq_key* k = tuple4_key_create(env_, mem.get(), desc_, id + 10, __FILE__, __LINE__);
-         return zqhost_row_insert(p, sess_, table_, index_, desc_, row, k, 0, 0);
+         return zqhost_row_insert(p, sess_, table_, real_index_, desc_, row, k, 0, 0);
        }},
       {5,
        [&](zq_ptx* p, int64_t id) {
          zq_key* k = tuple4_key_create(env_, mem.get(), desc_, id, __FILE__, __LINE__);
-         return zqhost_row_update_fixed(p, sess_, table_, index_, desc_, k, vals, vals, 0, 0,
+         return zqhost_row_update_fixed(p, sess_, table_, real_index_, desc_, k, vals, vals, 0, 0,
                                         nullptr);
        }},
       {6,
        [&](zq_ptx* p, int64_t id) {
          zq_key* k = tuple4_key_create(env_, mem.get(), desc_, id, __FILE__, __LINE__);
-         return zqhost_row_update_unfixed(p, sess_, table_, index_, desc_, k, row, vals, 0, 0,
+         return zqhost_row_update_unfixed(p, sess_, table_, real_index_, desc_, k, row, vals, 0, 0,
                                           nullptr);
        }},
   };
@@ -202,26 +202,26 @@ TEST_F(PtxTest, InjectedCallbackFailureTouchesNothing) {
     zq_ptx ptx;
     ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 1, 0, __FILE__, __LINE__), 0);
     EXPECT_EQ(c.call(&ptx, 1), 0);
-    auto after_first = rows();
+    auto after_first = sql_rows();
     EXPECT_EQ(c.call(&ptx, 2), -4242);
-    EXPECT_EQ(rows(), after_first) << "an injected failure changes nothing";
+    EXPECT_EQ(sql_rows(), after_first) << "an injected failure changes nothing";
     EXPECT_EQ(zqfault_callback_count(env_, c.slot), 2u);
     ptx3_rollback(&ptx, -4242);
-    EXPECT_EQ(rows(), before_);
+    EXPECT_EQ(sql_rows(), before_);
   }
 }
 
 TEST_F(PtxTest, SqliteFailureRaisesInsideAPtx) {
   Scratch mem(env_);
   zq_key* key = tuple4_key_create(env_, mem.get(), desc_, 5, __FILE__, __LINE__);
-  ASSERT_EQ(insert(4, 0, 0, pattern(3, 3)), 0);  // the insert statement is prepared now
+  ASSERT_EQ(put_row(4, 0, 0, pattern(3, 3)), 0);  // the insert statement is prepared now
   exec("DROP TABLE \"MDRT$t\"");
   zqenv_err_clear(env_);
   zq_ptx ptx;
   ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 1, 0, __FILE__, __LINE__), 0);
   try {
-    zqhost_row_insert(&ptx, sess_, table_, index_, desc_, make_row(mem.get(), 5, 0, 0, {}), key, 0,
-                      0);
+    zqhost_row_insert(&ptx, sess_, table_, real_index_, desc_, make_row(mem.get(), 5, 0, 0, {}),
+                      key, 0, 0);
     ADD_FAILURE() << "no raise";
   } catch (const zq_raised& r) {
     EXPECT_EQ(r.code, zqhost::kErrSqliteBase - SQLITE_ERROR);

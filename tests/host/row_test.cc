@@ -1,22 +1,26 @@
 // Node-table rows through the host: insertion, reading back through both
-// cursors and as rows, updates, deletes, refused inserts and the rowid
-// counter.
+// cursors and as rows, updates, deletes, refused inserts, the rowid counter
+// and binary comparison.
 #include <climits>
 #include <cstring>
 
 #include "host/internal.h"
-#include "tests/host/host_fixture.h"
+#include "tests/common/fixture.h"
 
 namespace {
 
-using zqhosttest::field_bytes;
-using zqhosttest::HostFixture;
-using zqhosttest::pattern;
-using zqhosttest::Scratch;
-using zqhosttest::SqlRow;
+using zqtest::field_bytes;
+using zqtest::pattern;
+using zqtest::Scratch;
+using zqtest::SqlRow;
 
-class RowTest : public HostFixture {
+class RowTest : public zqtest::HostTest {
  protected:
+  void SetUp() override {
+    HostTest::SetUp();
+    find_table();
+  }
+
   // A read ptx with an nbtr search for `rowid`; the record or null.
   const zq_nrec* search(zq_ptx* ptx, nbtr_cur* cur, zq_memobj* mem, int64_t rowid) {
     zq_key* key = tuple4_key_create(env_, mem, desc_, rowid, __FILE__, __LINE__);
@@ -39,10 +43,10 @@ class RowTest : public HostFixture {
     EXPECT_EQ(ptx3_begin_low_ex(env_, &ptx, 1, 0, __FILE__, __LINE__), 0);
     uint64_t dver = 0;
     ndct_table_get_dver(env_, table_, &dver);
-    int32_t rc = fixed ? zqhost_row_update_fixed(&ptx, sess_, table_, index_, desc_, key, news,
+    int32_t rc = fixed ? zqhost_row_update_fixed(&ptx, sess_, table_, real_index_, desc_, key, news,
                                                  olds, 0, dver, nullptr)
-                       : zqhost_row_update_unfixed(&ptx, sess_, table_, index_, desc_, key, row,
-                                                   olds, 0, dver, nullptr);
+                       : zqhost_row_update_unfixed(&ptx, sess_, table_, real_index_, desc_, key,
+                                                   row, olds, 0, dver, nullptr);
     ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
     return rc;
   }
@@ -54,7 +58,7 @@ class RowTest : public HostFixture {
     nbtr_cur cur;
     const zq_nrec* rec = search(&ptx, &cur, mem.get(), rowid);
     zq_key* key = tuple4_key_create(env_, mem.get(), desc_, rowid, __FILE__, __LINE__);
-    int32_t rc = zqhost_row_delete(&ptx, sess_, table_, index_, desc_, key, 0, 0, rec);
+    int32_t rc = zqhost_row_delete(&ptx, sess_, table_, real_index_, desc_, key, 0, 0, rec);
     ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
     return rc;
   }
@@ -66,8 +70,8 @@ class RoundTrip : public RowTest, public ::testing::WithParamInterface<size_t> {
 TEST_P(RoundTrip, RowReadsBackThroughEveryPath) {
   const size_t n = GetParam();
   const auto cells = pattern(n, 3);
-  ASSERT_EQ(insert(7, 2, -44, cells), 0);
-  EXPECT_EQ(rows(), (std::vector<SqlRow>{{7, 2, -44, cells, 0}}));
+  ASSERT_EQ(put_row(7, 2, -44, cells), 0);
+  EXPECT_EQ(sql_rows(), (std::vector<SqlRow>{{7, 2, -44, cells, 0}}));
 
   Scratch mem(env_);
   zq_ptx ptx;
@@ -125,8 +129,8 @@ TEST_P(RoundTrip, RowReadsBackThroughEveryPath) {
 INSTANTIATE_TEST_SUITE_P(BlobSizes, RoundTrip, ::testing::Values(0, 4, 48, 49, 124, 32767));
 
 TEST_F(RowTest, MissingRowsAndBoundaries) {
-  ASSERT_EQ(insert(3, 0, 1, pattern(8, 1)), 0);
-  ASSERT_EQ(insert(9, 0, 1, pattern(8, 2)), 0);
+  ASSERT_EQ(put_row(3, 0, 1, pattern(8, 1)), 0);
+  ASSERT_EQ(put_row(9, 0, 1, pattern(8, 2)), 0);
   Scratch mem(env_);
   zq_ptx ptx;
   ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
@@ -161,48 +165,19 @@ TEST_F(RowTest, MissingRowsAndBoundaries) {
   ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
 }
 
-// A saved cursor goes on after its ptx and the memory holding its key are
-// gone, and sees the table as it is when it steps.
-TEST_F(RowTest, SavedPositionOutlivesPtxAndScratch) {
-  for (int64_t id = 1; id <= 5; ++id) ASSERT_EQ(insert(id, 0, 0, pattern(100, id)), 0);
-  pbcur pc;
-  {
-    Scratch mem(env_);
-    zq_ptx ptx;
-    ASSERT_EQ(ptx3_begin_low_ex(env_, &ptx, 0, 0, __FILE__, __LINE__), 0);
-    pbcur_init_low(&pc, &ptx, btr_, __FILE__, __LINE__);
-    zq_key* key = tuple4_key_create(env_, mem.get(), desc_, 2, __FILE__, __LINE__);
-    ASSERT_EQ(pbcur_open(&pc, key, 1, 0, mem.get()), 0);
-    pbcur_save_position_inner(&pc);
-    EXPECT_EQ(pc.ptx, nullptr);
-    ASSERT_EQ(ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT), 0);
-  }
-  EXPECT_EQ(field_bytes(env_, desc_, pc.rec, 2), pattern(100, 2));
-  exec("DELETE FROM \"MDRT$t\" WHERE rowid = 3");
-  uint64_t raises = zqfault_raise_count(env_);
-  std::vector<int64_t> seen;
-  while (pbcur_move_to_right_user_rec(&pc) == 1) {
-    seen.push_back(nrec_get_rowid(desc_, pc.rec));
-    EXPECT_EQ(field_bytes(env_, desc_, pc.rec, 2), pattern(100, seen.back()));
-  }
-  EXPECT_EQ(seen, (std::vector<int64_t>{4, 5}));
-  EXPECT_EQ(zqfault_raise_count(env_), raises) << "a saved cursor is outside any ptx";
-  pbcur_close(&pc);
-}
-
 TEST_F(RowTest, UpdatesWriteOnlyTheListedColumns) {
   const auto cells = pattern(80, 1);
-  ASSERT_EQ(insert(4, 1, 10, cells), 0);
+  ASSERT_EQ(put_row(4, 1, 10, cells), 0);
   uint64_t before = 0;
   ndct_table_get_dver(env_, table_, &before);
 
   // Parent alone, in place: the other values passed in must not be written.
   ASSERT_EQ(update(4, {1}, 99, 20, pattern(3, 3), true), 0);
-  EXPECT_EQ(rows(), (std::vector<SqlRow>{{4, 1, 20, cells, 0}}));
+  EXPECT_EQ(sql_rows(), (std::vector<SqlRow>{{4, 1, 20, cells, 0}}));
   // Level and cells through the unfixed path, to a longer blob.
   const auto longer = pattern(300, 5);
   ASSERT_EQ(update(4, {0, 2}, 3, 77, longer, false), 0);
-  EXPECT_EQ(rows(), (std::vector<SqlRow>{{4, 3, 20, longer, 0}}));
+  EXPECT_EQ(sql_rows(), (std::vector<SqlRow>{{4, 3, 20, longer, 0}}));
 
   uint64_t after = 0;
   ndct_table_get_dver(env_, table_, &after);
@@ -212,11 +187,11 @@ TEST_F(RowTest, UpdatesWriteOnlyTheListedColumns) {
 }
 
 TEST_F(RowTest, DeleteAndRefusedInsert) {
-  ASSERT_EQ(insert(2, 0, 1, pattern(10, 1)), 0);
-  ASSERT_EQ(insert(3, 0, 1, pattern(10, 2)), 0);
-  EXPECT_EQ(insert(2, 5, 5, pattern(10, 9)), zqhost::kErrInsertRefused);
+  ASSERT_EQ(put_row(2, 0, 1, pattern(10, 1)), 0);
+  ASSERT_EQ(put_row(3, 0, 1, pattern(10, 2)), 0);
+  EXPECT_EQ(put_row(2, 5, 5, pattern(10, 9)), zqhost::kErrInsertRefused);
   EXPECT_EQ(remove(2), 0);
-  EXPECT_EQ(rows(), (std::vector<SqlRow>{{3, 0, 1, pattern(10, 2), 0}}));
+  EXPECT_EQ(sql_rows(), (std::vector<SqlRow>{{3, 0, 1, pattern(10, 2), 0}}));
   EXPECT_EQ(remove(2), zqhost::kErrNoRow);
   zqhost_row_insert_failed(env_, -1509);
   EXPECT_EQ(zqhost_insert_failed_count(env_), 1u);
@@ -250,13 +225,9 @@ TEST_F(RowTest, RowidCounter) {
   EXPECT_EQ(nbtr_get_next_rowid(env_, btr_, &code), 12);
 }
 
-TEST_F(RowTest, KeysAndBinaries) {
+// The comparison a modify uses to see whether a node's cells changed.
+TEST_F(RowTest, BinariesCompareByBytesThenLength) {
   Scratch mem(env_);
-  zq_key* key = tuple4_key_create(env_, mem.get(), desc_, -9, __FILE__, __LINE__);
-  ASSERT_EQ(key->n_vals, 1);
-  EXPECT_EQ(key->vals[0].notnull, 1);
-  EXPECT_EQ(key->vals[0].u.i64, -9);
-
   zq_value a{}, b{};
   const auto big = pattern(ZQ_BINARY_MAX + 1, 0);
   EXPECT_EQ(binary_assign_const_ex(env_, mem.get(), &a, ZQ_BINARY_MAX + 1, big.data()),

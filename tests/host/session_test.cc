@@ -1,4 +1,4 @@
-// Sessions and the dictionary: settings, lookups by exact name, the cached
+// Sessions and the dictionary: lookups by exact name, the cached
 // engine objects and when they are replaced, user transactions, and opening
 // and wrapping connections.
 #include <unistd.h>
@@ -7,35 +7,24 @@
 #include <string>
 
 #include "host/internal.h"
-#include "tests/host/host_fixture.h"
+#include "tests/common/fixture.h"
 
 namespace {
 
-using zqhosttest::HostFixture;
-using zqhosttest::pattern;
+using zqtest::pattern;
 
-class SessionTest : public HostFixture {
+class SessionTest : public zqtest::HostTest {
  protected:
+  void SetUp() override {
+    HostTest::SetUp();
+    find_table();
+  }
+
   zq_table* lookup(const char* schema, const char* name, int32_t* code) {
     return ndct_find_table_by_name_with_code(env_, nullptr, zqsess_scope(sess_, schema), name,
                                              code);
   }
 };
-
-TEST_F(SessionTest, SettingsHaveDefaultsAndCanBeChanged) {
-  EXPECT_EQ(zqsess_rtree_buf_total_mb(sess_), 256u);
-  EXPECT_EQ(zqsess_rtree_buf_handle_mb(sess_), 64u);
-  EXPECT_EQ(zqsess_sort_mem(sess_), 64ull << 20);
-  zqsess_set_rtree_buf_mb(sess_, 100, 0);
-  zqsess_set_sort_mem(sess_, 12345);
-  EXPECT_EQ(zqsess_rtree_buf_total_mb(sess_), 100u);
-  EXPECT_EQ(zqsess_rtree_buf_handle_mb(sess_), 0u);
-  EXPECT_EQ(zqsess_sort_mem(sess_), 12345u);
-  EXPECT_EQ(zqsess_env(sess_), env_);
-  zq_sort_pool* pool = zqsess_sort_pool(sess_);
-  EXPECT_NE(pool, nullptr);
-  EXPECT_EQ(zqsess_sort_pool(sess_), pool) << "made once per session";
-}
 
 TEST_F(SessionTest, LookupsByExactName) {
   exec("CREATE VIEW \"MDRT$v\" AS SELECT 1");
@@ -112,7 +101,7 @@ TEST_F(SessionTest, TableWithoutSystemColumnGetsAVirtualOne) {
   exec("INSERT INTO plain (rowid, a, b) VALUES (8, 1099511627776, x'616263')");
   ASSERT_NO_FATAL_FAILURE(find_table("plain"));
   EXPECT_EQ(desc_->n_cols, 4) << "a, b, the system column, rowid";
-  zqhosttest::Scratch mem(env_);
+  zqtest::Scratch mem(env_);
   pbcur pc;
   pbcur_init_low(&pc, nullptr, btr_, __FILE__, __LINE__);
   ASSERT_EQ(pbcur_open(&pc, tuple4_key_create(env_, mem.get(), desc_, 8, "", 0), 1, 4, mem.get()),
@@ -124,25 +113,25 @@ TEST_F(SessionTest, TableWithoutSystemColumnGetsAVirtualOne) {
   EXPECT_EQ(v[0], 1LL << 40);
   EXPECT_EQ(v[2], 0);
   EXPECT_EQ(v[3], 8);
-  EXPECT_EQ(zqhosttest::field_bytes(env_, desc_, pc.rec, 1), (std::vector<uint8_t>{'a', 'b', 'c'}));
+  EXPECT_EQ(zqtest::field_bytes(env_, desc_, pc.rec, 1), (std::vector<uint8_t>{'a', 'b', 'c'}));
   pbcur_close(&pc);
 }
 
 TEST_F(SessionTest, UserTransactions) {
   ASSERT_EQ(zqsess_begin(sess_), 0);
   EXPECT_EQ(zqsess_begin(sess_), zqhost::kErrTxnState);
-  ASSERT_EQ(insert(1, 0, 0, pattern(4, 1)), 0);
+  ASSERT_EQ(put_row(1, 0, 0, pattern(4, 1)), 0);
   ASSERT_EQ(zqsess_rollback(sess_), 0);
-  EXPECT_TRUE(rows().empty());
+  EXPECT_TRUE(sql_rows().empty());
 
   ASSERT_NO_FATAL_FAILURE(find_table("MDRT$t"));  // the rollback dropped the old objects
   ASSERT_EQ(zqsess_begin(sess_), 0);
-  ASSERT_EQ(insert(1, 0, 0, pattern(4, 1)), 0);
+  ASSERT_EQ(put_row(1, 0, 0, pattern(4, 1)), 0);
   ASSERT_EQ(zqsess_commit(sess_), 0);
-  EXPECT_EQ(rows().size(), 1u);
+  EXPECT_EQ(sql_rows().size(), 1u);
   EXPECT_EQ(zqsess_commit(sess_), 0) << "nothing open: nothing to do";
   EXPECT_EQ(zqsess_rollback(sess_), 0);
-  EXPECT_EQ(rows().size(), 1u);
+  EXPECT_EQ(sql_rows().size(), 1u);
 }
 
 TEST(SessionOpen, FilesUseWalAndBadPathsFail) {

@@ -184,7 +184,8 @@ inline std::vector<uint32_t> row_slots() {
   return out;
 }
 
-// A HostTest with recording callbacks and helpers to put node rows in place.
+// The shared HostTest with recording callbacks and helpers to put node rows
+// in place.
 class PhyTest : public zqtest::HostTest {
  protected:
   void SetUp() override {
@@ -236,25 +237,7 @@ class PhyTest : public zqtest::HostTest {
     return rc;
   }
 
-  // Every row of the node table, all columns, in rowid order.
-  std::string table_dump() {
-    sqlite3_stmt* st = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(zqsess_db(sess_), "SELECT rowid, * FROM \"MDRT$t\" ORDER BY rowid",
-                                 -1, &st, nullptr),
-              SQLITE_OK);
-    std::string out;
-    while (sqlite3_step(st) == SQLITE_ROW) {
-      for (int i = 0; i < sqlite3_column_count(st); ++i) {
-        const void* b = sqlite3_column_blob(st, i);
-        int n = sqlite3_column_bytes(st, i);
-        out.append(b != nullptr ? std::string(static_cast<const char*>(b), n) : "<null>");
-        out.push_back('|');
-      }
-      out.push_back('\n');
-    }
-    sqlite3_finalize(st);
-    return out;
-  }
+  std::string table_dump() { return zqtest::node_table_dump(sess_); }
 
   zq_recdesc* node_recdesc() { return zqsess_table_recdesc(sess_, "main", "MDRT$t"); }
 

@@ -27,25 +27,8 @@ using treetest::TreeTest;
 
 enum class Shape { Points, Boxes, Lines, Large, Duplicates, Clustered, Mixed };
 
-const char* shape_name(Shape s) {
-  switch (s) {
-    case Shape::Points:
-      return "Points";
-    case Shape::Boxes:
-      return "Boxes";
-    case Shape::Lines:
-      return "Lines";
-    case Shape::Large:
-      return "Large";
-    case Shape::Duplicates:
-      return "Duplicates";
-    case Shape::Clustered:
-      return "Clustered";
-    case Shape::Mixed:
-      return "Mixed";
-  }
-  return "?";
-}
+const char* const kShapeNames[] = {"Points",     "Boxes",     "Lines", "Large",
+                                   "Duplicates", "Clustered", "Mixed"};
 
 // Operations per round, scaled down under ASan.
 int scaled(int ops) {
@@ -149,7 +132,7 @@ struct RandomCase {
 
 std::string case_name(const testing::TestParamInfo<RandomCase>& info) {
   const RandomCase& c = info.param;
-  return std::string(shape_name(c.shape)) + std::to_string(c.dims) + "D" +
+  return std::string(kShapeNames[static_cast<int>(c.shape)]) + std::to_string(c.dims) + "D" +
          (c.tiny_cache ? "TinyCache" : "") + (c.file ? "File" : "");
 }
 
