@@ -205,15 +205,24 @@ class PhyTest : public zqtest::HostTest {
     return rtr_;
   }
 
-  // Writes a node row directly through the node-table layer.
-  void put_node(int64_t id, int64_t parent, uint32_t level, const std::vector<rtr_cell>& cells) {
+  // A node of the handle's pool holding `cells`, written (insert) or
+  // rewritten (modify) through the node-table layer; the layer's code.
+  int32_t write_node(bool insert, int64_t id, int64_t parent, uint32_t level,
+                     const std::vector<rtr_cell>& cells) {
     rtr_node* node = nullptr;
-    ASSERT_EQ(rtr_node_create(env_, rtr_, level, id, &node), 0);
+    EXPECT_EQ(rtr_node_create(env_, rtr_, level, id, &node), 0);
     node->parent_id = parent;
     fill_node(node, cells);
-    int32_t rc = rtr_phy_insert_node(env_, rtr_, node);
+    const int32_t rc =
+        insert ? rtr_phy_insert_node(env_, rtr_, node) : rtr_phy_modify_node(env_, rtr_, node);
     rtr_node_destroy(rtr_, node);
-    ASSERT_EQ(rc, 0);
+    return rc;
+  }
+  void put_node(int64_t id, int64_t parent, uint32_t level, const std::vector<rtr_cell>& cells) {
+    ASSERT_EQ(write_node(true, id, parent, level, cells), 0);
+  }
+  int32_t modify(int64_t id, int64_t parent, uint32_t level, const std::vector<rtr_cell>& cells) {
+    return write_node(false, id, parent, level, cells);
   }
 
   // Reads a node row back as an image; the read's code goes to *rc.
@@ -225,16 +234,6 @@ class PhyTest : public zqtest::HostTest {
     NodeImage out = image(node);
     rtr_node_destroy(rtr_, node);
     return out;
-  }
-
-  int32_t modify(int64_t id, int64_t parent, uint32_t level, const std::vector<rtr_cell>& cells) {
-    rtr_node* node = nullptr;
-    EXPECT_EQ(rtr_node_create(env_, rtr_, level, id, &node), 0);
-    node->parent_id = parent;
-    fill_node(node, cells);
-    int32_t rc = rtr_phy_modify_node(env_, rtr_, node);
-    rtr_node_destroy(rtr_, node);
-    return rc;
   }
 
   std::string table_dump() { return zqtest::node_table_dump(sess_); }
