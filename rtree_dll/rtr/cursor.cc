@@ -72,7 +72,17 @@ uint32_t scan_cells(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
   return n;
 }
 
+// A node is scanned from its first cell only once per visit; asking for all
+// its lines up front overlaps their memory latency instead of paying it a
+// line at a time as the scan walks in.
+void prefetch_cells(const rtr_node* node) {
+  const char* p = reinterpret_cast<const char*>(node->cells);
+  const char* end = reinterpret_cast<const char*>(node->cells + node->n_cells);
+  for (; p < end; p += 64) __builtin_prefetch(p);
+}
+
 uint32_t scan(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
+  if (point->cell_no == 0) prefetch_cells(node);
   if (cur->op == RTR_OP_INTERSECT) return scan_overlap(cur, point, node);
   return node->level == 0 ? scan_cells<true>(cur, point, node)
                           : scan_cells<false>(cur, point, node);
