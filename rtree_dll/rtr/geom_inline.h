@@ -6,6 +6,7 @@
 // without FMA contraction, so every result is reproducible bit for bit.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <type_traits>
 
@@ -100,6 +101,42 @@ ZQ_GEOM_INLINE void grow(rtr_rect* acc, const rtr_rect* b) {
     if (!(lo(b, k) > lo(acc, k))) acc->*kMin[k] = lo(b, k);
     if (!(hi(acc, k) > hi(b, k))) acc->*kMax[k] = hi(b, k);
   }
+}
+
+// area<N> of the union_into<N> of a and b, without building the box: the
+// same extents (ties and NaN take b's value) multiplied in the same order.
+template <unsigned N>
+double union_area(const rtr_rect* a, const rtr_rect* b) {
+  if constexpr (N == 0) {
+    return 1.0;
+  } else {
+    double product = 1.0;
+    for (unsigned k = 0; k < N; ++k) {
+      const double mn = lo(a, k) < lo(b, k) ? lo(a, k) : lo(b, k);
+      const double mx = hi(a, k) > hi(b, k) ? hi(a, k) : hi(b, k);
+      product = k == 0 ? mx - mn : product * (mx - mn);
+    }
+    return product;
+  }
+}
+
+// The first cell's whole box grown by every further one, in array order; the
+// first box is copied even when count is 0.
+template <unsigned N>
+void union_cells(uint32_t count, const rtr_cell* cells, rtr_rect* out) {
+  *out = cells[0].rect;
+  for (uint32_t i = 1; i < count; ++i) grow<N>(out, &cells[i].rect);
+}
+
+// True when a used axis of one of the boxes holds a NaN.
+template <unsigned N>
+bool any_nan(const rtr_cell* cells, uint32_t count) {
+  for (uint32_t i = 0; i < count; ++i) {
+    for (unsigned k = 0; k < N; ++k) {
+      if (std::isnan(lo(&cells[i].rect, k)) || std::isnan(hi(&cells[i].rect, k))) return true;
+    }
+  }
+  return false;
 }
 
 // Containment and overlap fail only on an ordered strict comparison, so a

@@ -9,26 +9,27 @@
 // rtr_update_parent. Nothing here writes the node table: changed nodes are
 // marked modified and written back by the cache.
 #include "rtr/frame.h"
+#include "rtr/geom_inline.h"
 #include "rtr/tree_internal.h"
 #include "zqrtree/tree.h"
 
 namespace {
 
 using zqrtree::fail;
+namespace geom = zqrtree::geom;
 
-// The child of `node` whose box grows least by taking `cell`; ties go to the
+// The child of `node` whose box grows least by taking `rect`; ties go to the
 // smaller box, then to the lower index. An empty node yields 0, which the
 // cache refuses as a node id.
-int64_t least_enlargement_child(const rtr_mem* rtr, const rtr_node* node, const rtr_cell* cell) {
+template <unsigned N>
+int64_t least_enlargement_child(const rtr_node* node, const rtr_rect* rect) {
   int64_t best_id = 0;
   double best_enl = 0.0;
   double best_area = 0.0;
   for (uint32_t i = 0; i < node->n_cells; ++i) {
-    const rtr_rect& r = node->cells[i].rect;
-    rtr_rect grown;
-    rtr_union_rect(rtr->n_dims, &r, &cell->rect, &grown);
-    double area = rtr_get_rec_area(rtr, &r);
-    double enl = rtr_get_rec_area(rtr, &grown) - area;
+    const rtr_rect* r = &node->cells[i].rect;
+    const double area = geom::area<N>(r);
+    const double enl = geom::union_area<N>(r, rect) - area;
     if (i == 0 || enl < best_enl || (enl == best_enl && area < best_area)) {
       best_id = node->cells[i].id;
       best_enl = enl;
@@ -36,6 +37,11 @@ int64_t least_enlargement_child(const rtr_mem* rtr, const rtr_node* node, const 
     }
   }
   return best_id;
+}
+
+int64_t least_enlargement_child(const rtr_mem* rtr, const rtr_node* node, const rtr_cell* cell) {
+  return geom::by_dims(rtr->n_dims,
+                       [&](auto d) { return least_enlargement_child<d()>(node, &cell->rect); });
 }
 
 // The slot of `child`'s entry in `parent`. A parent without such an entry
@@ -133,10 +139,12 @@ extern "C" int32_t rtr_adjust_tree(zq_env* env, rtr_mem* rtr, rtr_node* node,
     rtr_rect* box = &parent->cells[slot].rect;
     // Boxes only grow here, and the walk goes on to the root even when a box
     // already holds the entry.
-    if (!rtr_rect_contains(box, &cell->rect, rtr->n_dims)) {
-      rtr_union_rect_ex(rtr->n_dims, box, &cell->rect);
-      rtr_node_set_modify(env, rtr, parent);
-    }
+    const bool grown = geom::by_dims(rtr->n_dims, [&](auto d) {
+      if (geom::contains<d()>(box, &cell->rect)) return false;
+      geom::grow<d()>(box, &cell->rect);
+      return true;
+    });
+    if (grown) rtr_node_set_modify(env, rtr, parent);
     if (cur != node) rtr_node_release(cur);
     cur = parent;
   }
@@ -148,7 +156,8 @@ extern "C" int32_t rtr_fix_bounding_box(zq_env* env, rtr_mem* rtr, rtr_node* nod
   if (node->parent_id == 0) return 0;
   rtr_cell entry;
   entry.id = node->id;
-  rtr_union_cells(rtr->n_dims, node->n_cells, node->cells, &entry.rect);
+  geom::by_dims(rtr->n_dims,
+                [&](auto d) { geom::union_cells<d()>(node->n_cells, node->cells, &entry.rect); });
   rtr_node* parent = nullptr;
   int32_t rc = rtr_node_acquire(env, rtr, node->parent_id, &parent);
   if (rc < 0) return fail(env, rc, "rtr_fix_bounding_box");

@@ -11,16 +11,17 @@
 #include <cstring>
 
 #include "rtr/frame.h"
+#include "rtr/geom_inline.h"
 #include "rtr/tree_internal.h"
 #include "zqrtree/tree.h"
 
 namespace {
 
-using zqrtree::axis_max;
-using zqrtree::axis_min;
 using zqrtree::fail;
+namespace geom = zqrtree::geom;
 
 constexpr uint32_t kMinGroup = 2;  // each side of a split keeps at least this many entries
+constexpr uint32_t kMaxEntries = RTR_MAX_CELLS + 1;  // a full node and the entry that did not fit
 
 // The state of one rtr_split_node call.
 struct Split {
@@ -132,6 +133,7 @@ struct Choice {
   uint32_t* merge;         // one merge buffer for every sort
   uint32_t best_axis = 0;  // the chosen axis
   uint32_t best_j[3] = {kMinGroup, kMinGroup, kMinGroup};  // per axis: its best position
+  bool by_suffix = false;  // positions scored in one pass (no NaN in the entries)
 };
 
 // Carves the one scratch block of (n_dims + 1) * (n + 2) words: the table of
@@ -148,45 +150,127 @@ bool carve_block(Choice& c, const zqrtree::ScratchHeap& heap) {
   return true;
 }
 
+// The merge sort of rtr_sort_by_dimension with the axis fixed.
+template <unsigned K>
+void sort_on_axis(uint32_t* idx, uint32_t n, const rtr_cell* cells, uint32_t* tmp) {
+  if (n < 2) return;
+  const uint32_t half = n / 2;
+  sort_on_axis<K>(idx, half, cells, tmp);
+  sort_on_axis<K>(idx + half, n - half, cells, tmp);
+  std::memcpy(tmp, idx, sizeof(uint32_t) * half);
+  uint32_t l = 0, r = half, out = 0;
+  while (l < half) {
+    // Of two entries equal in min and max the right one goes first: this
+    // merge is deliberately not stable.
+    bool take_left = r == n;
+    if (!take_left) {
+      const rtr_rect* a = &cells[tmp[l]].rect;
+      const rtr_rect* b = &cells[idx[r]].rect;
+      const double amin = geom::lo(a, K), bmin = geom::lo(b, K);
+      take_left = bmin > amin || (bmin == amin && geom::hi(b, K) > geom::hi(a, K));
+    }
+    idx[out++] = take_left ? tmp[l++] : idx[r++];
+  }
+}
+
+void sort_by_axis(uint32_t* idx, uint32_t n, uint32_t axis, const rtr_cell* cells, uint32_t* tmp) {
+  switch (axis) {
+    case 0:
+      return sort_on_axis<0>(idx, n, cells, tmp);
+    case 1:
+      return sort_on_axis<1>(idx, n, cells, tmp);
+    default:
+      return sort_on_axis<2>(idx, n, cells, tmp);
+  }
+}
+
 void sort_axes(Choice& c) {
   for (uint32_t k = 0; k < c.axes; ++k) {
     for (uint32_t i = 0; i < c.n; ++i) c.order[k][i] = i;
-    rtr_sort_by_dimension(c.rtr, c.order[k], c.n, k, c.cells, c.merge);
+    sort_by_axis(c.order[k], c.n, k, c.cells, c.merge);
+  }
+}
+
+// What one split position measures. Lower and upper group boxes are built in
+// the same scratch box, so both measure as the upper group's box: intended.
+struct Score {
+  double margin;   // margins of lower and upper box
+  double overlap;  // overlap of the two
+  double area;     // areas of both
+};
+
+template <unsigned N>
+Score measure(const rtr_rect* box) {
+  const rtr_rect* lower = box;
+  const rtr_rect* upper = box;
+  return Score{geom::margin<N>(lower) + geom::margin<N>(upper), geom::overlap<N>(lower, upper),
+               geom::area<N>(lower) + geom::area<N>(upper)};
+}
+
+// The measured box of position j, built the long way: the lower group from
+// the first entry over positions 1 .. j - 1, then the same box restarted at
+// the last entry and grown by positions j .. n - 2. Quadratic in n.
+template <unsigned N>
+Score score_by_rebuild(const Choice& c, const uint32_t* idx, uint32_t j) {
+  rtr_rect box = c.cells[idx[0]].rect;  // the lower box starts here...
+  for (uint32_t i = 1; i + 1 < c.n; ++i) {
+    if (i == j) box = c.cells[idx[c.n - 1]].rect;  // ...and the upper box here
+    geom::union_into<N>(&box, &c.cells[idx[i]].rect, &box);
+  }
+  return measure<N>(&box);
+}
+
+// The same boxes for every position at once, from one suffix pass. A union
+// keeps the smaller minimum and the larger maximum and, between values that
+// compare equal, the later one (b's). Folding "last entry, then positions
+// j .. n - 2" left to right therefore yields, per coordinate, the last
+// position whose value compares equal to the extreme, and so does folding
+// positions j .. n - 2 right to left and then taking the last entry in front
+// of that: the same entry's bits, -0.0 against +0.0 included. A NaN breaks
+// the ordering the argument needs (any union with it takes b's value), so
+// nodes holding one are scored by score_by_rebuild.
+template <unsigned N>
+void score_by_suffix(const Choice& c, const uint32_t* idx, Score* scores) {
+  const rtr_rect* last = &c.cells[idx[c.n - 1]].rect;
+  rtr_rect suffix = c.cells[idx[c.n - 2]].rect;  // positions j .. n - 2
+  for (uint32_t j = c.n - 2;; --j) {
+    if (j + 2 < c.n) geom::union_into<N>(&c.cells[idx[j]].rect, &suffix, &suffix);
+    rtr_rect box = *last;
+    geom::union_into<N>(last, &suffix, &box);
+    scores[j] = measure<N>(&box);
+    if (j == kMinGroup) break;
   }
 }
 
 // Scores every position of axis k, records its best one and returns the
-// axis's margin sum. Lower and upper group boxes are built in the same
-// scratch box, so both measure as the upper group's box: intended.
+// axis's margin sum (summed in position order).
+template <unsigned N>
 double score_axis(Choice& c, uint32_t k) {
   const uint32_t* idx = c.order[k];
+  Score scores[kMaxEntries];
+  if (c.by_suffix) score_by_suffix<N>(c, idx, scores);
   double margin_sum = 0.0;
   double best_overlap = 0.0;
   double best_area = 0.0;
   for (uint32_t j = kMinGroup; j + kMinGroup <= c.n; ++j) {
-    rtr_rect box = c.cells[idx[0]].rect;  // the lower box starts here...
-    for (uint32_t i = 1; i + 1 < c.n; ++i) {
-      if (i == j) box = c.cells[idx[c.n - 1]].rect;  // ...and the upper box here
-      rtr_union_rect(c.rtr->n_dims, &box, &c.cells[idx[i]].rect, &box);
-    }
-    const rtr_rect& lower = box;
-    const rtr_rect& upper = box;
-    margin_sum += rtr_get_rect_margin(c.rtr, &lower) + rtr_get_rect_margin(c.rtr, &upper);
-    double overlap = rtr_get_cell_overlap(c.rtr, &lower, &upper);
-    double area = rtr_get_rec_area(c.rtr, &lower) + rtr_get_rec_area(c.rtr, &upper);
-    if (j == kMinGroup || overlap < best_overlap || (overlap == best_overlap && area < best_area)) {
+    const Score s = c.by_suffix ? scores[j] : score_by_rebuild<N>(c, idx, j);
+    margin_sum += s.margin;
+    if (j == kMinGroup || s.overlap < best_overlap ||
+        (s.overlap == best_overlap && s.area < best_area)) {
       c.best_j[k] = j;
-      best_overlap = overlap;
-      best_area = area;
+      best_overlap = s.overlap;
+      best_area = s.area;
     }
   }
   return margin_sum;
 }
 
+template <unsigned N>
 void choose_axis(Choice& c) {
+  c.by_suffix = c.n >= 2 * kMinGroup && c.n <= kMaxEntries && !geom::any_nan<N>(c.cells, c.n);
   double best_margin = 0.0;
   for (uint32_t k = 0; k < c.axes; ++k) {
-    double margin = score_axis(c, k);
+    double margin = score_axis<N>(c, k);
     if (k == 0 || margin < best_margin) {
       c.best_axis = k;
       best_margin = margin;
@@ -206,7 +290,7 @@ int32_t distribute(Choice& c, zq_env* env, rtr_node* left, rtr_node* right, rtr_
     rtr_cell* out = p < j ? left_cell : right_cell;
     int32_t rc = rtr_node_insert_cell(env, c.rtr, side, &e);
     if (rc < 0) return rc;
-    rtr_union_rect_ex(c.rtr->n_dims, &out->rect, &e.rect);
+    geom::by_dims(c.rtr->n_dims, [&](auto d) { geom::grow<d()>(&out->rect, &e.rect); });
   }
   return 0;
 }
@@ -243,30 +327,13 @@ extern "C" int32_t rtr_split_node_star_tree(zq_env* env, rtr_mem* rtr, const rtr
     return fail(env, RTR_ERR_NO_ROOM, "rtr_split_node_star_tree");
   }
   sort_axes(c);
-  choose_axis(c);
+  geom::by_dims(rtr->n_dims, [&](auto d) { choose_axis<d()>(c); });
   int32_t rc = distribute(c, env, left, right, left_cell, right_cell);
   if (rc < 0) return fail(env, rc, "rtr_split_node_star_tree");
   return 0;
 }
 
-extern "C" void rtr_sort_by_dimension(const rtr_mem* rtr, uint32_t* idx, uint32_t n, uint32_t axis,
-                                      const rtr_cell* cells, uint32_t* tmp) {
-  if (n < 2) return;
-  uint32_t half = n / 2;
-  rtr_sort_by_dimension(rtr, idx, half, axis, cells, tmp);
-  rtr_sort_by_dimension(rtr, idx + half, n - half, axis, cells, tmp);
-  std::memcpy(tmp, idx, sizeof(uint32_t) * half);
-  uint32_t l = 0, r = half, out = 0;
-  while (l < half) {
-    // Of two entries equal in min and max the right one goes first: this
-    // merge is deliberately not stable.
-    bool take_left = r == n;
-    if (!take_left) {
-      const rtr_rect& a = cells[tmp[l]].rect;
-      const rtr_rect& b = cells[idx[r]].rect;
-      double amin = axis_min(a, axis), bmin = axis_min(b, axis);
-      take_left = bmin > amin || (bmin == amin && axis_max(b, axis) > axis_max(a, axis));
-    }
-    idx[out++] = take_left ? tmp[l++] : idx[r++];
-  }
+extern "C" void rtr_sort_by_dimension(const rtr_mem* /*rtr*/, uint32_t* idx, uint32_t n,
+                                      uint32_t axis, const rtr_cell* cells, uint32_t* tmp) {
+  sort_by_axis(idx, n, axis, cells, tmp);
 }
