@@ -6,10 +6,11 @@
 //
 // A row is packed as its column datums followed by their not-null flags,
 // padded to 8 bytes. Rows are kept in chunks of working memory allocated as
-// they fill, up to the sorter's budget (the session's sort memory, fixed when
-// the sorter is made). Sorting orders an array of (prefix, row) entries whose
-// prefix is the first key mapped to an unsigned integer of the same order, so
-// the usual sorter (one key of a built-in type) compares integers only.
+// they fill, up to the budget (the session's sort memory, fixed when the
+// sorter is made), which all sorters of one sort pool share. Sorting orders
+// an array of (prefix, row) entries whose prefix is the first key mapped to
+// an unsigned integer of the same order, so the usual sorter (one key of a
+// built-in type) compares integers only, and sorts them by radix.
 //
 // When the next chunk would pass the budget, the rows so far are sorted and
 // appended to a temporary file as one run: a u64 row count, then the rows.
@@ -50,6 +51,7 @@ constexpr uint64_t kMinReadBytes = 4096;
 constexpr uint64_t kMaxReadBytes = 256 * 1024;
 constexpr int kIovBatch = 256;
 constexpr uint64_t kSignBit = 1ull << 63;
+constexpr uint64_t kPrefetchRows = 16;  // how far ahead nsort_get_bdta fetches rows
 
 // How the first key maps to an order-preserving unsigned prefix.
 enum class Norm : uint8_t { kNone, kDouble, kInt64 };
@@ -105,11 +107,12 @@ struct zq_nsort {
   KeyDesc keys[kMaxKeys];
   uint32_t width;  // bytes of a packed row
 
-  uint64_t used;  // working memory held now; its peak is kept by the pool
+  uint64_t used;       // working memory held now; its peak is kept by the pool
+  uint64_t committed;  // what this sorter counts against the pool's shared budget
 
   uint8_t** chunks;     // table of max_chunks chunk pointers; null before the first put
   uint32_t max_chunks;  // chunks the budget has room for, entries included
-  uint32_t n_chunks;    // chunks allocated
+  uint32_t n_chunks;    // chunks allocated (some may be kept empty across a clear)
   uint32_t chunk_rows;  // rows per chunk
   uint64_t n_mem;       // rows in the chunks
 
@@ -130,7 +133,11 @@ void* work_alloc(zq_env* env, zq_nsort* s, uint64_t bytes) {
   void* p = mem_malloc_ex(env, bytes, __FILE__, __LINE__);
   if (p == nullptr) return nullptr;
   s->used += bytes;
-  if (s->pool != nullptr) s->pool->peak_bytes = std::max(s->pool->peak_bytes, s->used);
+  if (zq_sort_pool* pool = s->pool) {
+    pool->peak_bytes = std::max(pool->peak_bytes, s->used);
+    pool->held += bytes;
+    pool->peak_held = std::max(pool->peak_held, pool->held);
+  }
   return p;
 }
 
@@ -139,7 +146,38 @@ void work_free(zq_env* env, zq_nsort* s, T*& p, uint64_t bytes) {
   if (p == nullptr) return;
   mem_free(env, p);
   s->used -= bytes;
+  if (s->pool != nullptr) s->pool->held -= bytes;
   p = nullptr;
+}
+
+// ---- the shared budget ----
+//
+// Every sorter of a pool (all those of one session, such as the up to four a
+// bulk build keeps) draws on one budget: a sorter commits memory before it
+// takes it, and commits more only while the pool's total stays within the
+// budget. Below its first chunk a sorter always may, so that it can make
+// progress however full the pool is; it then spills small runs.
+
+void commit(zq_nsort* s, uint64_t bytes) {
+  s->committed += bytes;
+  if (s->pool != nullptr) s->pool->committed += bytes;
+}
+
+void uncommit(zq_nsort* s, uint64_t bytes) {
+  s->committed -= bytes;
+  if (s->pool != nullptr) s->pool->committed -= bytes;
+}
+
+// What the other sorters of the pool have committed.
+uint64_t others_committed(const zq_nsort* s) {
+  return s->pool != nullptr ? s->pool->committed - s->committed : 0;
+}
+
+// Bytes this sorter may commit in all, given what the others hold.
+uint64_t share_of(const zq_nsort* s) {
+  const uint64_t others = others_committed(s);
+  const uint64_t left = others < s->budget ? s->budget - others : 0;
+  return std::max<uint64_t>(left, std::min<uint64_t>(s->budget, ZQHOST_SORT_MIN_BUDGET));
 }
 
 // ---- keys ----
@@ -240,22 +278,36 @@ uint32_t batch_room(const zq_nsort* s, const zq_bdta* bdta) {
   return room;
 }
 
-void pack_row(zq_nsort* s, const zq_bdta* bdta, uint32_t r, uint8_t* row) {
-  uint8_t* flags = row + sizeof(zq_datum) * s->n_cols;
+// The batch's cells of each row column, looked up once per batch rather than
+// once per row.
+struct ColPtrs {
+  zq_datum* data[kMaxCols];
+  uint8_t* flags[kMaxCols];
+};
+
+void col_ptrs(const zq_nsort* s, const zq_bdta* bdta, ColPtrs* p) {
   for (uint16_t i = 0; i < s->n_cols; ++i) {
     const zq_bdta_col& c = bdta->cols[s->col_no[i]];
-    std::memcpy(row + sizeof(zq_datum) * i, &c.data[r], sizeof(zq_datum));
-    flags[i] = c.notnull[r];
+    p->data[i] = c.data;
+    p->flags[i] = c.notnull;
   }
-  if (flag_at(s, row, s->keys[0].slot) == 0) s->key_null = true;
 }
 
-void unpack_row(const zq_nsort* s, const uint8_t* row, zq_bdta* bdta, uint32_t r) {
-  const uint8_t* flags = row + sizeof(zq_datum) * s->n_cols;
+void pack_row(const zq_nsort* s, const ColPtrs& p, uint32_t r, uint8_t* row) {
+  uint8_t* flags = row + sizeof(zq_datum) * s->n_cols;
+  auto* data = reinterpret_cast<zq_datum*>(row);
   for (uint16_t i = 0; i < s->n_cols; ++i) {
-    zq_bdta_col& c = bdta->cols[s->col_no[i]];
-    std::memcpy(&c.data[r], row + sizeof(zq_datum) * i, sizeof(zq_datum));
-    c.notnull[r] = flags[i];
+    data[i] = p.data[i][r];
+    flags[i] = p.flags[i][r];
+  }
+}
+
+void unpack_row(const zq_nsort* s, const uint8_t* row, const ColPtrs& p, uint32_t r) {
+  const uint8_t* flags = row + sizeof(zq_datum) * s->n_cols;
+  const auto* data = reinterpret_cast<const zq_datum*>(row);
+  for (uint16_t i = 0; i < s->n_cols; ++i) {
+    p.data[i][r] = data[i];
+    p.flags[i][r] = flags[i];
   }
 }
 
@@ -342,12 +394,25 @@ uint64_t chunk_bytes(const zq_nsort* s) {
   return uint64_t{s->chunk_rows} * s->width;
 }
 
-void free_chunks(zq_env* env, zq_nsort* s) {
+// A chunk's charge: its rows, their sort entries and its table slot.
+uint64_t chunk_charge(const zq_nsort* s) {
+  return uint64_t{s->chunk_rows} * (s->width + sizeof(Entry)) + sizeof(uint8_t*);
+}
+
+uint64_t table_bytes(const zq_nsort* s) {
+  return uint64_t{s->max_chunks} * sizeof(uint8_t*);
+}
+
+// Frees chunks from the last down to `keep` (the table goes with the last).
+void free_chunks(zq_env* env, zq_nsort* s, uint32_t keep = 0) {
   if (s->chunks == nullptr) return;
-  for (uint32_t i = 0; i < s->n_chunks; ++i) work_free(env, s, s->chunks[i], chunk_bytes(s));
-  work_free(env, s, s->chunks, uint64_t{s->max_chunks} * sizeof(uint8_t*));
-  s->n_chunks = 0;
+  while (s->n_chunks > keep) {
+    work_free(env, s, s->chunks[--s->n_chunks], chunk_bytes(s));
+    uncommit(s, chunk_charge(s));
+  }
   s->n_mem = 0;
+  if (s->n_chunks > 0) return;
+  work_free(env, s, s->chunks, table_bytes(s));
 }
 
 void free_entries(zq_env* env, zq_nsort* s) {
@@ -358,6 +423,59 @@ void free_entries(zq_env* env, zq_nsort* s) {
 
 uint8_t* mem_row(const zq_nsort* s, uint64_t i) {
   return s->chunks[i / s->chunk_rows] + (i % s->chunk_rows) * s->width;
+}
+
+// Least-significant-digit radix sort of entries by prefix, a byte at a time,
+// from `a` through `tmp`; bytes every entry shares are skipped (the high
+// bytes of a level's keys mostly are). Returns where the result lies.
+Entry* radix_sort(Entry* a, Entry* tmp, uint64_t n) {
+  constexpr int kBytes = 8;
+  uint32_t count[kBytes][256] = {};
+  for (uint64_t i = 0; i < n; ++i) {
+    const uint64_t p = a[i].prefix;
+    for (int b = 0; b < kBytes; ++b) ++count[b][(p >> (8 * b)) & 0xff];
+  }
+  Entry* src = a;
+  Entry* dst = tmp;
+  for (int b = 0; b < kBytes; ++b) {
+    const int shift = 8 * b;
+    if (count[b][(src[0].prefix >> shift) & 0xff] == n) continue;
+    uint32_t at[256];
+    uint32_t sum = 0;
+    for (int v = 0; v < 256; ++v) {
+      at[v] = sum;
+      sum += count[b][v];
+    }
+    for (uint64_t i = 0; i < n; ++i) dst[at[(src[i].prefix >> shift) & 0xff]++] = src[i];
+    std::swap(src, dst);
+  }
+  return src;
+}
+
+// Below this many rows a comparison sort is as quick as the radix passes.
+constexpr uint64_t kRadixMinRows = 2048;
+
+// Sorts by the exact prefix: by radix when the pool has room for a second
+// entry array (and the counts fit), else in place.
+int32_t sort_exact(zq_env* env, zq_nsort* s) {
+  Entry* first = s->entries;
+  Entry* last = s->entries + s->n_entries;
+  const uint64_t n = s->n_entries;
+  const uint64_t tmp_bytes = n * sizeof(Entry);
+  const bool radix = n >= kRadixMinRows && n <= UINT32_MAX &&
+                     others_committed(s) + s->committed + tmp_bytes <= s->budget;
+  if (!radix) {
+    std::sort(first, last, [](const Entry& a, const Entry& b) { return a.prefix < b.prefix; });
+    return 0;
+  }
+  auto* tmp = static_cast<Entry*>(work_alloc(env, s, tmp_bytes));
+  if (tmp == nullptr) return kNoRoom;
+  commit(s, tmp_bytes);
+  Entry* sorted = radix_sort(first, tmp, n);
+  if (sorted == tmp) std::swap(s->entries, tmp);
+  work_free(env, s, tmp, tmp_bytes);
+  uncommit(s, tmp_bytes);
+  return 0;
 }
 
 // Sorts the rows in the chunks into `entries`.
@@ -374,7 +492,7 @@ int32_t sort_memory(zq_env* env, zq_nsort* s) {
   Entry* first = s->entries;
   Entry* last = s->entries + s->n_entries;
   if (prefix_is_exact(s)) {
-    std::sort(first, last, [](const Entry& a, const Entry& b) { return a.prefix < b.prefix; });
+    return sort_exact(env, s);
   } else {
     std::sort(first, last, [s](const Entry& a, const Entry& b) {
       return row_less(s, a.prefix, a.row, b.prefix, b.row, false);
@@ -404,24 +522,34 @@ int32_t spill_run(zq_env* env, zq_nsort* s) {
 
 int32_t add_chunk(zq_env* env, zq_nsort* s) {
   if (s->chunks == nullptr) {
-    const uint64_t bytes = uint64_t{s->max_chunks} * sizeof(uint8_t*);
-    s->chunks = static_cast<uint8_t**>(work_alloc(env, s, bytes));
+    s->chunks = static_cast<uint8_t**>(work_alloc(env, s, table_bytes(s)));
     if (s->chunks == nullptr) return kNoRoom;
   }
   uint8_t* chunk = static_cast<uint8_t*>(work_alloc(env, s, chunk_bytes(s)));
   if (chunk == nullptr) return kNoRoom;
   s->chunks[s->n_chunks++] = chunk;
+  commit(s, chunk_charge(s));
   return 0;
 }
 
-// Room for the next row: a free slot in the chunks, a new chunk, or, with the
-// budget used up, the chunks emptied into a run.
-int32_t next_slot(zq_env* env, zq_nsort* s, uint8_t** slot) {
-  if (s->n_mem == uint64_t{s->n_chunks} * s->chunk_rows) {
-    const int32_t rc = s->n_chunks < s->max_chunks ? add_chunk(env, s) : spill_run(env, s);
+// Whether one more chunk fits: within the sorter's own plan, and within the
+// pool's shared budget unless it is the sorter's first.
+bool chunk_fits(const zq_nsort* s) {
+  if (s->n_chunks >= s->max_chunks) return false;
+  if (s->n_chunks == 0) return true;
+  return others_committed(s) + s->committed + chunk_charge(s) <= s->budget;
+}
+
+// Room for the rows to come: a free slot in the chunks, a new chunk, or, with
+// the budget used up, the chunks emptied into a run. Returns the rows the
+// current chunk has room for from the next slot on (at least 1).
+int32_t make_room(zq_env* env, zq_nsort* s, uint32_t* rows) {
+  const uint64_t cap = uint64_t{s->n_chunks} * s->chunk_rows;
+  if (s->n_mem == cap) {
+    const int32_t rc = chunk_fits(s) ? add_chunk(env, s) : spill_run(env, s);
     if (rc < 0) return rc;
   }
-  *slot = mem_row(s, s->n_mem++);
+  *rows = s->chunk_rows - static_cast<uint32_t>(s->n_mem % s->chunk_rows);
   return 0;
 }
 
@@ -434,7 +562,7 @@ uint64_t reader_cost(const zq_nsort* s, uint64_t buf_rows) {
 // Most runs one merge can read at once within the budget.
 uint64_t fan_in(const zq_nsort* s) {
   const uint64_t min_rows = std::max<uint64_t>(1, kMinReadBytes / s->width);
-  return std::max<uint64_t>(2, s->budget / reader_cost(s, min_rows));
+  return std::max<uint64_t>(2, share_of(s) / reader_cost(s, min_rows));
 }
 
 bool reader_fill(const zq_nsort* s, Reader& r, uint32_t buf_rows) {
@@ -465,7 +593,7 @@ struct HeadAfter {
 
 // Block layout: readers, then buffers (both 8-byte multiples), then the heap.
 int32_t merge_alloc(zq_env* env, zq_nsort* s, uint64_t count, Merge* m) {
-  const uint64_t share = s->budget / count;
+  const uint64_t share = share_of(s) / count;
   const uint64_t fixed = reader_cost(s, 0);
   const uint64_t rows = share > fixed ? (share - fixed) / s->width : 1;
   const uint64_t most = std::max<uint64_t>(1, kMaxReadBytes / s->width);
@@ -473,6 +601,7 @@ int32_t merge_alloc(zq_env* env, zq_nsort* s, uint64_t count, Merge* m) {
   m->bytes = count * reader_cost(s, m->buf_rows);
   m->block = static_cast<uint8_t*>(work_alloc(env, s, m->bytes));
   if (m->block == nullptr) return kNoRoom;
+  commit(s, m->bytes);
   m->readers = reinterpret_cast<Reader*>(m->block);
   uint8_t* bufs = m->block + count * sizeof(Reader);
   m->heap = reinterpret_cast<uint32_t*>(bufs + count * m->buf_rows * s->width);
@@ -499,6 +628,7 @@ int32_t merge_open(zq_env* env, zq_nsort* s, uint64_t count, uint64_t* off, Merg
 }
 
 void merge_close(zq_env* env, zq_nsort* s, Merge* m) {
+  if (m->block != nullptr) uncommit(s, m->bytes);
   work_free(env, s, m->block, m->bytes);
   *m = Merge{};
 }
@@ -582,9 +712,15 @@ int32_t sort_runs(zq_env* env, zq_nsort* s) {
 
 // ---- whole-sorter state ----
 
-void release_work(zq_env* env, zq_nsort* s) {
+// Chunks a clear keeps for the rows to come: a sorter refilled slice after
+// slice would otherwise hand its chunks back to malloc and fault fresh pages
+// in for every slice.
+constexpr uint32_t kKeptChunks = 4;
+
+// Ends the sorter's rows; `keep` chunks stay allocated, empty.
+void release_work(zq_env* env, zq_nsort* s, uint32_t keep = 0) {
   free_entries(env, s);
-  free_chunks(env, s);
+  free_chunks(env, s, keep);
   merge_close(env, s, &s->merge);
   if (s->fd >= 0) close(s->fd);
   s->fd = -1;
@@ -593,8 +729,7 @@ void release_work(zq_env* env, zq_nsort* s) {
 }
 
 bool has_rows(const zq_nsort* s) {
-  return s->chunks != nullptr || s->n_runs > 0 || s->state == State::kSorted ||
-         s->state == State::kFailed;
+  return s->n_mem > 0 || s->n_runs > 0 || s->state == State::kSorted || s->state == State::kFailed;
 }
 
 int32_t find_slot(const zq_nsort* s, uint16_t col_no) {
@@ -656,11 +791,12 @@ extern "C" zq_nsort* nsort_create(zq_env* env, zq_memobj* mem, uint32_t /*one*/,
   return s;
 }
 
-extern "C" int32_t nsort_set_bdta_info(zq_env* /*env*/, zq_nsort* s, const zq_sort_col_list* cols,
+extern "C" int32_t nsort_set_bdta_info(zq_env* env, zq_nsort* s, const zq_sort_col_list* cols,
                                        uint32_t /*zero*/, const zq_sort_key_list* keys,
                                        uint32_t /*one*/) {
   if (s == nullptr || cols == nullptr || keys == nullptr) return kBadLayout;
   if (has_rows(s)) return kBadState;
+  release_work(env, s);  // chunks kept by a clear have the old row width
   s->state = State::kNoLayout;
   int32_t rc = set_columns(s, cols);
   if (rc == 0) rc = set_keys(s, keys);
@@ -673,11 +809,19 @@ extern "C" int32_t nsort_set_bdta_info(zq_env* /*env*/, zq_nsort* s, const zq_so
 extern "C" int32_t nsort_put_bdta(zq_env* env, zq_nsort* s, zq_bdta* bdta) {
   if (s == nullptr || s->state != State::kPutting) return kBadState;
   if (!batch_fits(s, bdta, bdta == nullptr ? 0 : bdta->n_rows)) return kBadLayout;
-  for (uint32_t r = 0; r < bdta->n_rows; ++r) {
-    uint8_t* slot = nullptr;
-    const int32_t rc = next_slot(env, s, &slot);
+  ColPtrs p;
+  col_ptrs(s, bdta, &p);
+  const uint16_t key_slot = s->keys[0].slot;
+  for (uint32_t r = 0; r < bdta->n_rows;) {
+    uint32_t room = 0;
+    const int32_t rc = make_room(env, s, &room);
     if (rc < 0) return fail_state(s, rc);
-    pack_row(s, bdta, r, slot);
+    const uint32_t take = std::min(room, bdta->n_rows - r);
+    uint8_t* row = mem_row(s, s->n_mem);
+    for (uint32_t i = 0; i < take; ++i, row += s->width) pack_row(s, p, r + i, row);
+    for (uint32_t i = 0; i < take; ++i) s->key_null |= p.flags[key_slot][r + i] == 0;
+    s->n_mem += take;
+    r += take;
   }
   return 0;
 }
@@ -694,16 +838,33 @@ extern "C" int32_t nsort_get_bdta(zq_env* /*env*/, zq_memobj* /*mem*/, zq_bdta* 
   if (s == nullptr || s->state != State::kSorted) return kBadState;
   if (!batch_fits(s, bdta, 0)) return kBadLayout;
   const uint32_t room = std::min(max_rows, batch_room(s, bdta));
+  ColPtrs p;
+  col_ptrs(s, bdta, &p);
   Merge& m = s->merge;
   const bool merging = m.block != nullptr;
   uint32_t r = 0;
   for (; r < room && merging && m.heap_n > 0; ++r) {
-    unpack_row(s, merge_head(s, m), bdta, r);
+    unpack_row(s, merge_head(s, m), p, r);
     const int32_t rc = merge_pop(s, &m, nullptr);
     if (rc < 0) return fail_state(s, rc);
   }
-  for (; r < room && !merging && s->next < s->n_entries; ++r)
-    unpack_row(s, s->entries[s->next++].row, bdta, r);
+  if (!merging) {
+    // The entries are in key order, their rows scattered over the chunks:
+    // fetch rows a few entries ahead so the copy does not wait on memory.
+    const uint64_t take = std::min<uint64_t>(room, s->n_entries - s->next);
+    const Entry* e = s->entries + s->next;
+    const uint64_t ahead_end = s->n_entries - s->next;
+    for (uint64_t i = 0; i < take; ++i) {
+      if (i + kPrefetchRows < ahead_end) {
+        const uint8_t* ahead = e[i + kPrefetchRows].row;
+        __builtin_prefetch(ahead);
+        __builtin_prefetch(ahead + s->width - 1);
+      }
+      unpack_row(s, e[i].row, p, r + static_cast<uint32_t>(i));
+    }
+    s->next += take;
+    r += static_cast<uint32_t>(take);
+  }
   bdta->n_rows = r;
   if (end != nullptr) *end = merging ? m.heap_n == 0 : s->next == s->n_entries;
   return 0;
@@ -711,7 +872,7 @@ extern "C" int32_t nsort_get_bdta(zq_env* /*env*/, zq_memobj* /*mem*/, zq_bdta* 
 
 extern "C" void nsort_clear(zq_env* env, zq_nsort* s) {
   if (s == nullptr) return;
-  release_work(env, s);
+  release_work(env, s, kKeptChunks);
   s->state = s->n_cols > 0 ? State::kPutting : State::kNoLayout;
 }
 

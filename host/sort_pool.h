@@ -25,11 +25,16 @@
 // few chunks of rows and a two-way merge of runs.
 #define ZQHOST_SORT_MIN_BUDGET (64u * 1024u)
 
+// The pool's sorters share one budget: `committed` is what they have claimed
+// of it together (see host/sort.cc).
 struct zq_sort_pool {
   zq_session* session;    // whose sort budget applies; not owned
   uint64_t peak_bytes;    // most working memory one sorter of the pool held at once
   uint64_t runs_written;  // sorted runs spilled to temporary files
   uint64_t merge_passes;  // intermediate passes that merged runs into fewer runs
+  uint64_t held;          // working memory all sorters of the pool hold now
+  uint64_t peak_held;     // the most they held at once
+  uint64_t committed;     // the part of the shared budget they have claimed
 };
 
 // The budget in bytes a sorter created now on `pool` gets: the session's

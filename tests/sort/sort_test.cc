@@ -267,7 +267,8 @@ TEST_F(SortTest, SpillsRunsWithinTheBudgetAndMergesInPasses) {
   for (const Case& c : cases) {
     SCOPED_TRACE("budget " + std::to_string(c.budget));
     zqsess_set_sort_mem(sess_, c.budget);
-    *pool() = {sess_, 0, 0, 0};
+    *pool() = zq_sort_pool{};  // statistics from zero; no sorter is alive
+    pool()->session = sess_;
     const uint64_t allocs = zqenv_live_allocs(env_);
     const int fds = open_fds();
     const std::vector<Row> rows = make_rows(c.n, 7);
