@@ -427,7 +427,7 @@ uint8_t* mem_row(const zq_nsort* s, uint64_t i) {
 
 // Least-significant-digit radix sort of entries by prefix, a byte at a time,
 // from `a` through `tmp`; bytes every entry shares are skipped (the high
-// bytes of a level's keys mostly are). Returns where the result lies.
+// bytes of a level's keys often are). Returns where the result lies.
 Entry* radix_sort(Entry* a, Entry* tmp, uint64_t n) {
   constexpr int kBytes = 8;
   uint32_t count[kBytes][256] = {};
@@ -439,12 +439,13 @@ Entry* radix_sort(Entry* a, Entry* tmp, uint64_t n) {
   Entry* dst = tmp;
   for (int b = 0; b < kBytes; ++b) {
     const int shift = 8 * b;
-    if (count[b][(src[0].prefix >> shift) & 0xff] == n) continue;
-    uint32_t at[256];
+    uint32_t* at = count[b];
+    if (at[(src[0].prefix >> shift) & 0xff] == n) continue;
     uint32_t sum = 0;
     for (int v = 0; v < 256; ++v) {
+      const uint32_t c = at[v];
       at[v] = sum;
-      sum += count[b][v];
+      sum += c;
     }
     for (uint64_t i = 0; i < n; ++i) dst[at[(src[i].prefix >> shift) & 0xff]++] = src[i];
     std::swap(src, dst);

@@ -22,24 +22,27 @@ void layout_types(uint16_t n_dims, uint16_t* types) {
   for (uint16_t c = 1; c < n_cols(n_dims); ++c) types[c] = ZQ_TYPE_DOUBLE;
 }
 
-void put_value(zq_env* env, zq_memobj* mem, zq_bdta* bdta, uint32_t row, uint16_t col,
-               const zq_value& v) {
-  bdta3_put_fld_data(env, bdta, &v, mem, row, col);
-}
-
-zq_value int_value(int64_t x) {
+// One value slot reused for every put of a row: a put reads the not-null
+// flag and the 8-byte datum, so only the datum changes between puts.
+struct RowPutter {
+  zq_env* env;
+  zq_memobj* mem;
+  zq_bdta* bdta;
+  uint32_t row;
   zq_value v{};
-  v.notnull = 1;
-  v.u.i64 = x;
-  return v;
-}
 
-zq_value double_value(double x) {
-  zq_value v{};
-  v.notnull = 1;
-  v.u.f64 = x;
-  return v;
-}
+  RowPutter(zq_env* e, zq_memobj* m, zq_bdta* b) : env(e), mem(m), bdta(b), row(b->n_rows) {
+    v.notnull = 1;
+  }
+  void put_int(uint16_t col, int64_t x) {
+    v.u.i64 = x;
+    bdta3_put_fld_data(env, bdta, &v, mem, row, col);
+  }
+  void put_double(uint16_t col, double x) {
+    v.u.f64 = x;
+    bdta3_put_fld_data(env, bdta, &v, mem, row, col);
+  }
+};
 
 }  // namespace
 
@@ -88,14 +91,13 @@ extern "C" void rtr_fill_one_row_nsort_bdta(zq_env* env, zq_memobj* mem, uint16_
                                             int64_t id, const rtr_rect* rect, uint32_t axis,
                                             zq_bdta* bdta) {
   const uint16_t d = clamp_dims(n_dims);
-  const uint32_t r = bdta->n_rows;
-  put_value(env, mem, bdta, r, kColId, int_value(id));
+  RowPutter put(env, mem, bdta);
+  put.put_int(kColId, id);
   for (uint32_t k = 0; k < d; ++k) {
-    put_value(env, mem, bdta, r, col_min(k), double_value(rect_min(*rect, k)));
-    put_value(env, mem, bdta, r, col_max(k), double_value(rect_max(*rect, k)));
+    put.put_double(col_min(k), rect_min(*rect, k));
+    put.put_double(col_max(k), rect_max(*rect, k));
   }
   // min + max orders entries exactly as their centres do; never halved, on purpose.
-  put_value(env, mem, bdta, r, col_key(d),
-            double_value(rect_min(*rect, axis) + rect_max(*rect, axis)));
-  bdta->n_rows = r + 1;
+  put.put_double(col_key(d), rect_min(*rect, axis) + rect_max(*rect, axis));
+  bdta->n_rows = put.row + 1;
 }
