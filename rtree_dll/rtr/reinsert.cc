@@ -6,6 +6,7 @@
 // the node is refilled -> rtr_fix_bounding_box -> rtr_choose_leaf and
 // rtr_insert_cell for each entry taken out, nearest first.
 #include <cfloat>
+#include <cmath>
 #include <cstring>
 
 #include "rtr/frame.h"
@@ -18,7 +19,8 @@ using zqrtree::axis_max;
 using zqrtree::axis_min;
 using zqrtree::fail;
 
-constexpr uint32_t kReinserted = 3;  // entries taken out of the node
+constexpr uint32_t kReinserted = 3;                  // entries taken out of the node
+constexpr uint32_t kMaxEntries = RTR_MAX_CELLS + 1;  // a full node and the entry that did not fit
 
 // The state of one rtr_reinsert call; the arrays live in one scratch block.
 struct Reinsert {
@@ -65,6 +67,25 @@ void measure_distances(Reinsert& r) {
   }
 }
 
+// Nearest first. Without NaN among the distances the merge sort's order is
+// that of (distance, descending index) (see zqrtree::sort_like_merge).
+void sort_by_distance(Reinsert& r) {
+  bool ordered = r.m <= kMaxEntries;
+  for (uint32_t i = 0; ordered && i < r.m; ++i) ordered = !std::isnan(r.dist[i]);
+  if (!ordered) {
+    rtr_sort_by_distance(r.order, r.m, r.dist, r.merge);
+    return;
+  }
+  struct Key {
+    double dist;
+    uint32_t i;
+  };
+  Key keys[kMaxEntries];
+  for (uint32_t i = 0; i < r.m; ++i) keys[i] = Key{r.dist[i], i};
+  zqrtree::sort_like_merge(keys, r.m, [](const Key& a, const Key& b) { return a.dist < b.dist; });
+  for (uint32_t p = 0; p < r.m; ++p) r.order[p] = keys[p].i;
+}
+
 int32_t refill_node(zq_env* env, rtr_mem* rtr, rtr_node* node, const Reinsert& r) {
   rtr_node_zero(env, rtr, node);
   for (uint32_t p = 0; p + kReinserted < r.m; ++p) {
@@ -97,7 +118,7 @@ extern "C" int32_t rtr_reinsert(zq_env* env, rtr_mem* rtr, rtr_node* node, const
   // only, whatever the index's dimension count: intended.
   if (cell->rect.max2 == DBL_MAX + DBL_MAX) r.axes = 2;
   measure_distances(r);
-  rtr_sort_by_distance(r.order, r.m, r.dist, r.merge);
+  sort_by_distance(r);
   int32_t rc = refill_node(env, rtr, node, r);
   if (rc < 0) return fail(env, rc, "rtr_reinsert");
   // Entries not yet placed when a placement fails are lost: nothing is undone.

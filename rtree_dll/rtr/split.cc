@@ -133,7 +133,8 @@ struct Choice {
   uint32_t* merge;         // one merge buffer for every sort
   uint32_t best_axis = 0;  // the chosen axis
   uint32_t best_j[3] = {kMinGroup, kMinGroup, kMinGroup};  // per axis: its best position
-  bool by_suffix = false;  // positions scored in one pass (no NaN in the entries)
+  bool ordered = false;                                    // no NaN on a sorted or measured axis
+  bool by_suffix = false;                                  // positions scored in one pass
 };
 
 // Carves the one scratch block of (n_dims + 1) * (n + 2) words: the table of
@@ -184,10 +185,35 @@ void sort_by_axis(uint32_t* idx, uint32_t n, uint32_t axis, const rtr_cell* cell
   }
 }
 
+// Entry indices by (minimum, maximum) on axis K and, between entries equal in
+// both, the higher index first: the permutation sort_on_axis produces when
+// no coordinate of the axis is NaN (see zqrtree::sort_like_merge).
+template <unsigned K>
+void sort_ordered_axis(uint32_t* idx, uint32_t n, const rtr_cell* cells) {
+  struct Key {
+    double lo, hi;
+    uint32_t i;
+  };
+  Key keys[kMaxEntries];
+  for (uint32_t i = 0; i < n; ++i)
+    keys[i] = Key{geom::lo(&cells[i].rect, K), geom::hi(&cells[i].rect, K), i};
+  zqrtree::sort_like_merge(keys, n, [](const Key& a, const Key& b) {
+    return a.lo < b.lo || (a.lo == b.lo && a.hi < b.hi);
+  });
+  for (uint32_t p = 0; p < n; ++p) idx[p] = keys[p].i;
+}
+
 void sort_axes(Choice& c) {
   for (uint32_t k = 0; k < c.axes; ++k) {
-    for (uint32_t i = 0; i < c.n; ++i) c.order[k][i] = i;
-    sort_by_axis(c.order[k], c.n, k, c.cells, c.merge);
+    uint32_t* idx = c.order[k];
+    if (c.ordered && c.n <= kMaxEntries) {
+      if (k == 0) sort_ordered_axis<0>(idx, c.n, c.cells);
+      if (k == 1) sort_ordered_axis<1>(idx, c.n, c.cells);
+      if (k >= 2) sort_ordered_axis<2>(idx, c.n, c.cells);
+      continue;
+    }
+    for (uint32_t i = 0; i < c.n; ++i) idx[i] = i;
+    sort_by_axis(idx, c.n, k, c.cells, c.merge);
   }
 }
 
@@ -267,7 +293,7 @@ double score_axis(Choice& c, uint32_t k) {
 
 template <unsigned N>
 void choose_axis(Choice& c) {
-  c.by_suffix = c.n >= 2 * kMinGroup && c.n <= kMaxEntries && !geom::any_nan<N>(c.cells, c.n);
+  c.by_suffix = c.ordered && c.n >= 2 * kMinGroup && c.n <= kMaxEntries;
   double best_margin = 0.0;
   for (uint32_t k = 0; k < c.axes; ++k) {
     double margin = score_axis<N>(c, k);
@@ -326,6 +352,8 @@ extern "C" int32_t rtr_split_node_star_tree(zq_env* env, rtr_mem* rtr, const rtr
     heap.release();  // a failed allocation leaves the heap alive: intended
     return fail(env, RTR_ERR_NO_ROOM, "rtr_split_node_star_tree");
   }
+  // Axis 0 is sorted even with a count of 0.
+  c.ordered = !geom::by_dims(c.axes, [&](auto d) { return geom::any_nan<d()>(cells, n); });
   sort_axes(c);
   geom::by_dims(rtr->n_dims, [&](auto d) { choose_axis<d()>(c); });
   int32_t rc = distribute(c, env, left, right, left_cell, right_cell);

@@ -4,6 +4,7 @@
 #ifndef ZQRTREE_RTR_TREE_INTERNAL_H
 #define ZQRTREE_RTR_TREE_INTERNAL_H
 
+#include <algorithm>
 #include <cstdint>
 
 #include "zqrtree/geom.h"
@@ -27,6 +28,23 @@ inline double axis_min(const rtr_rect& r, uint32_t k) {
 }
 inline double axis_max(const rtr_rect& r, uint32_t k) {
   return k == 0 ? r.max0 : (k == 1 ? r.max1 : r.max2);
+}
+
+// The split's and the reinsertion's merge sorts take the right element
+// whenever it is not strictly greater, so each merge puts equal elements of
+// its right part before those of its left part, and over the whole recursion
+// equal keys end up in descending order of their starting position. When the
+// keys are totally ordered (no NaN) that order is fully determined, and any
+// sort by (key ascending, starting position descending) yields the same
+// permutation. `before` is the strict key order; items carry their starting
+// position in `i`.
+template <class Item, class Before>
+void sort_like_merge(Item* items, uint32_t n, Before before) {
+  std::sort(items, items + n, [&](const Item& a, const Item& b) {
+    if (before(a, b)) return true;
+    if (before(b, a)) return false;
+    return a.i > b.i;
+  });
 }
 
 }  // namespace zqrtree
