@@ -105,17 +105,21 @@ ZQ_GEOM_INLINE void grow(rtr_rect* acc, const rtr_rect* b) {
 
 // area<N> of the union_into<N> of a and b, without building the box: the
 // same extents (ties and NaN take b's value) multiplied in the same order.
+// Spelled out per axis: the descent runs it for every child of every level,
+// and the compiler does not unroll the generic loop over member pointers.
 template <unsigned N>
 double union_area(const rtr_rect* a, const rtr_rect* b) {
   if constexpr (N == 0) {
     return 1.0;
   } else {
-    double product = 1.0;
-    for (unsigned k = 0; k < N; ++k) {
-      const double mn = lo(a, k) < lo(b, k) ? lo(a, k) : lo(b, k);
-      const double mx = hi(a, k) > hi(b, k) ? hi(a, k) : hi(b, k);
-      product = k == 0 ? mx - mn : product * (mx - mn);
-    }
+    auto extent_of_union = [&](auto k) {
+      const double mn = lo(a, k()) < lo(b, k()) ? lo(a, k()) : lo(b, k());
+      const double mx = hi(a, k()) > hi(b, k()) ? hi(a, k()) : hi(b, k());
+      return mx - mn;
+    };
+    double product = extent_of_union(Dims<0>{});
+    if constexpr (N > 1) product = product * extent_of_union(Dims<1>{});
+    if constexpr (N > 2) product = product * extent_of_union(Dims<2>{});
     return product;
   }
 }
