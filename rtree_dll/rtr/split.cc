@@ -25,13 +25,17 @@ constexpr uint32_t kMaxEntries = RTR_MAX_CELLS + 1;  // a full node and the entr
 
 // The state of one rtr_split_node call.
 struct Split {
+  // The entry array is left for collect_entries to fill, not zeroed first.
+  Split(zq_env* e, rtr_mem* r, rtr_node* nd, const rtr_cell* c, uint32_t lv)
+      : env(e), rtr(r), node(nd), cell(c), level(lv), is_root(nd->id == RTR_ROOT_ID) {}
+
   zq_env* env;                        // the caller's environment
   rtr_mem* rtr;                       // the handle
   rtr_node* node;                     // the full node (pinned by the caller)
   const rtr_cell* cell;               // the entry that did not fit
   uint32_t level;                     // the node's level
   bool is_root;                       // node is node 1
-  uint32_t n;                         // entries to divide
+  uint32_t n = 0;                     // entries to divide
   rtr_cell cells[RTR_MAX_CELLS + 1];  // node's entries, then `cell`
   rtr_node* left = nullptr;           // node itself (extra pin) or, at the root, a new node
   rtr_node* right = nullptr;          // always a new node
@@ -325,7 +329,7 @@ int32_t distribute(Choice& c, zq_env* env, rtr_node* left, rtr_node* right, rtr_
 
 extern "C" int32_t rtr_split_node(zq_env* env, rtr_mem* rtr, rtr_node* node, const rtr_cell* cell,
                                   uint32_t level) {
-  Split s{env, rtr, node, cell, level, node->id == RTR_ROOT_ID, 0, {}};
+  Split s(env, rtr, node, cell, level);
   collect_entries(s);
   int32_t rc = make_targets(s);
   // The node stays emptied and no pin is dropped: intended, nothing is undone.
