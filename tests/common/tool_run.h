@@ -1,6 +1,7 @@
 // Running the built zqrtree tool as a separate process, as a user would:
 // arguments, standard input and extra environment in; exit status, standard
-// output and standard error out.
+// output and standard error out. spawn_tool and reap are the two halves, for
+// tests that stop the tool from outside.
 #ifndef ZQ_TESTS_COMMON_TOOL_RUN_H
 #define ZQ_TESTS_COMMON_TOOL_RUN_H
 
@@ -8,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -31,17 +34,27 @@ inline std::string slurp(const std::string& path) {
   return ss.str();
 }
 
+// The lines of `text`, sorted: the tool prints hits in tree order.
+inline std::string sorted_lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line + "\n");
+  std::sort(lines.begin(), lines.end());
+  std::string joined;
+  for (const std::string& l : lines) joined += l;
+  return joined;
+}
+
 inline std::string tool_path() {
   return std::string(ZQ_BUILD_DIR) + "/tools/zqrtree";
 }
 
-// Runs the tool with `args`; `input` becomes its standard input and `env`
-// ("NAME=value") is added to its environment. Scratch files go to `dir`.
-inline Outcome run_tool(const TempDir& dir, const std::vector<std::string>& args,
-                        const std::string& input = "", const std::vector<std::string>& env = {}) {
+// Starts the tool with `args`, its standard streams on the files `in`, `out`
+// and `err`, with `env` ("NAME=value") added to its environment.
+inline pid_t spawn_tool(const std::vector<std::string>& args, const std::string& in,
+                        const std::string& out, const std::string& err,
+                        const std::vector<std::string>& env = {}) {
   const std::string tool = tool_path();
-  const std::string in = dir.file("stdin"), out = dir.file("stdout"), err = dir.file("stderr");
-  std::ofstream(in) << input;
   const pid_t pid = fork();
   if (pid == 0) {
     dup2(open(in.c_str(), O_RDONLY), 0);
@@ -54,10 +67,25 @@ inline Outcome run_tool(const TempDir& dir, const std::vector<std::string>& args
     execv(tool.c_str(), argv.data());
     _exit(127);
   }
+  return pid;
+}
+
+// Waits for the child; its exit status, or 128 + the signal that ended it.
+inline int reap(pid_t pid) {
   int status = 0;
-  waitpid(pid, &status, 0);
-  const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return Outcome{code, slurp(out), slurp(err)};
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Runs the tool to the end; `input` becomes its standard input. Scratch
+// files go to `dir`.
+inline Outcome run_tool(const TempDir& dir, const std::vector<std::string>& args,
+                        const std::string& input = "", const std::vector<std::string>& env = {}) {
+  const std::string in = dir.file("stdin"), out = dir.file("stdout"), err = dir.file("stderr");
+  std::ofstream(in) << input;
+  const int status = reap(spawn_tool(args, in, out, err, env));
+  return Outcome{status, slurp(out), slurp(err)};
 }
 
 }  // namespace zqtest

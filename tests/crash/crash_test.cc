@@ -6,14 +6,14 @@
 // uncommitted tail of the log or nothing.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <thread>
 
-#include "common/process.h"
+#include "common/tool_run.h"
 
 namespace {
 
@@ -55,13 +55,7 @@ class CrashTest : public ::testing::Test {
     const zqtest::Outcome q =
         tool({"query", db, "t", "--op", "any", "--or", "--entries", "0,0,0,0"});
     EXPECT_EQ(q.status, 0) << q.err;
-    std::vector<std::string> lines;
-    std::istringstream in(q.out);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    std::sort(lines.begin(), lines.end());
-    std::string joined;
-    for (const std::string& l : lines) joined += l + "\n";
-    return joined;
+    return zqtest::sorted_lines(q.out);
   }
 
   // A database file and its log, as the previous process left them.
@@ -117,21 +111,14 @@ class CrashTest : public ::testing::Test {
   const int runs_ = std::getenv("ZQ_CRASH_RUNS") ? std::atoi(std::getenv("ZQ_CRASH_RUNS")) : kRuns;
 };
 
-TEST_F(CrashTest, KilledBulkLoadLeavesBeforeOrAfter) {
-  const std::string base = dir_.file("base.db");
+// A bulk load and a long insert batch, each killed at random moments.
+TEST_F(CrashTest, KilledOperationLeavesBeforeOrAfter) {
+  const std::string base = dir_.file("base.db"), work = dir_.file("work.db");
   make_base(base, 2000);
-  const std::string more = write_csv("more.csv", 100001, 30000, 2);
-  const int killed = kill_repeatedly(base, {"load", dir_.file("work.db"), "t", more}, runs_, 11);
-  EXPECT_GT(killed, 0);
-}
-
-TEST_F(CrashTest, KilledInsertBatchLeavesBeforeOrAfter) {
-  const std::string base = dir_.file("base.db");
-  make_base(base, 2000);
-  const std::string more = write_csv("more.csv", 100001, 8000, 3);
-  const int killed =
-      kill_repeatedly(base, {"insert", dir_.file("work.db"), "t", "--file", more}, runs_, 12);
-  EXPECT_GT(killed, 0);
+  const std::string load = write_csv("load.csv", 100001, 30000, 2);
+  const std::string batch = write_csv("batch.csv", 100001, 8000, 3);
+  EXPECT_GT(kill_repeatedly(base, {"load", work, "t", load}, runs_, 11), 0);
+  EXPECT_GT(kill_repeatedly(base, {"insert", work, "t", "--file", batch}, runs_, 12), 0);
 }
 
 }  // namespace

@@ -55,14 +55,9 @@ inline std::string dump_value(sqlite3_stmt* st, int col) {
   }
 }
 
-// Every table's definition and rows (in rowid order); "" when the file
-// cannot be opened.
-inline std::string dump_database(const std::string& path) {
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-    sqlite3_close(db);
-    return "";
-  }
+// Every table's definition and rows (in rowid order), as `db` sees them:
+// inside its open transaction, that transaction's state.
+inline std::string dump_connection(sqlite3* db) {
   std::vector<std::pair<std::string, std::string>> tables;
   sqlite3_stmt* st = nullptr;
   sqlite3_prepare_v2(db, "SELECT name, sql FROM sqlite_schema WHERE type = 'table' ORDER BY name",
@@ -77,6 +72,8 @@ inline std::string dump_database(const std::string& path) {
     std::string quoted = "\"";
     for (char c : name) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
     quoted += "\"";
+    // Virtual tables are read through their shadow tables, which are listed too.
+    if (sql.rfind("CREATE VIRTUAL", 0) == 0) continue;
     sqlite3_prepare_v2(db, ("SELECT * FROM " + quoted + " ORDER BY rowid").c_str(), -1, &st,
                        nullptr);
     while (sqlite3_step(st) == SQLITE_ROW) {
@@ -85,6 +82,15 @@ inline std::string dump_database(const std::string& path) {
     }
     sqlite3_finalize(st);
   }
+  return out;
+}
+
+// The same for a database file; "" when it cannot be opened.
+inline std::string dump_database(const std::string& path) {
+  sqlite3* db = nullptr;
+  std::string out;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK)
+    out = dump_connection(db);
   sqlite3_close(db);
   return out;
 }
