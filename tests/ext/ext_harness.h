@@ -1,6 +1,6 @@
 // Test scaffolding for the SQLite extension: a plain SQLite connection with
-// zqrtree_ext loaded from the build tree, small SQL helpers, random boxes and
-// an independent model of the search operators.
+// zqrtree_ext loaded from the build tree, small SQL helpers and random boxes;
+// answers are checked against the brute-force model of tools/model.h.
 #ifndef ZQ_TESTS_EXT_EXT_HARNESS_H
 #define ZQ_TESTS_EXT_EXT_HARNESS_H
 
@@ -12,6 +12,8 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include "tools/model.h"
 
 namespace zqext_test {
 
@@ -88,10 +90,7 @@ class Db {
   sqlite3* db_ = nullptr;
 };
 
-struct Box {
-  double min[3] = {0, 0, 0};
-  double max[3] = {0, 0, 0};
-};
+using zq::Box;
 
 struct Row {
   int64_t id;
@@ -125,50 +124,32 @@ inline std::string columns_sql(int dims) {
   return out;
 }
 
-// The search operators from their definitions, on every axis.
-enum Op { kIntersect = 1, kContains = 2, kWithin = 4, kEqual = 8, kAny = 16 };
-
-inline bool test_one(int op, const Box& e, const Box& q, int dims) {
-  bool ok = true;
-  for (int k = 0; k < dims; ++k) {
-    switch (op) {
-      case kIntersect:
-        ok = ok && e.min[k] <= q.max[k] && q.min[k] <= e.max[k];
-        break;
-      case kContains:
-        ok = ok && e.min[k] <= q.min[k] && q.max[k] <= e.max[k];
-        break;
-      case kWithin:
-        ok = ok && q.min[k] <= e.min[k] && e.max[k] <= q.max[k];
-        break;
-      case kEqual:
-        ok = ok && e.min[k] == q.min[k] && e.max[k] == q.max[k];
-        break;
-      default:
-        break;
-    }
-  }
-  return ok;
+inline std::string create_sql(const std::string& name, int dims) {
+  return "CREATE VIRTUAL TABLE " + name + " USING zqrtree(" + columns_sql(dims) + ")";
 }
 
-// All named operators hold (and mode) or any one does (or mode).
-inline bool model_matches(int ops, bool or_mode, const Box& e, const Box& q, int dims) {
-  bool all = true, any = false;
-  for (int op : {kIntersect, kContains, kWithin, kEqual, kAny}) {
-    if ((ops & op) == 0) continue;
-    const bool hit = test_one(op, e, q, dims);
-    all = all && hit;
-    any = any || hit;
+// Runs `sql` once for each table, with "$T" standing for its name: the table
+// under test and the one whose answers it must give.
+inline void on_both(Db& db, const std::string& sql, const char* a, const char* b) {
+  for (const char* table : {a, b}) {
+    std::string s = sql;
+    s.replace(s.find("$T"), 2, table);
+    db.exec(s);
   }
-  return or_mode ? any : all;
 }
 
-inline std::string op_text(int ops, bool or_mode) {
+// The search operators' text written out here, not by the library: a name
+// table shared by its parser and printer could be wrong in both.
+inline std::string op_text(uint32_t op) {
   std::string names;
-  const char* n[] = {"intersect", "contains", "within", "equal", "any"};
-  for (int i = 0; i < 5; ++i)
-    if ((ops & (1 << i)) != 0) names += (names.empty() ? "" : "|") + std::string(n[i]);
-  return or_mode ? "or(" + names + ")" : names;
+  const std::pair<uint32_t, const char*> n[] = {{RTR_OP_INTERSECT, "intersect"},
+                                                {RTR_OP_CONTAINS, "contains"},
+                                                {RTR_OP_WITHIN, "within"},
+                                                {RTR_OP_EQUAL, "equal"},
+                                                {RTR_OP_ANY, "any"}};
+  for (const auto& [bit, name] : n)
+    if ((op & bit) != 0) names += (names.empty() ? "" : "|") + std::string(name);
+  return (op & RTR_OP_OR) != 0 ? "or(" + names + ")" : names;
 }
 
 }  // namespace zqext_test

@@ -12,7 +12,7 @@ namespace {
 TEST(ExtLoad, BuildsFromAQueryAndAddsToWhatIsThere) {
   Db db;
   db.exec("CREATE TABLE src (id INTEGER PRIMARY KEY, a REAL, b REAL, c REAL, d REAL)");
-  db.exec("CREATE VIRTUAL TABLE t USING zqrtree(id, lo0, hi0, lo1, hi1)");
+  db.exec(create_sql("t", 2));
   std::mt19937 rng(3);
   std::vector<Row> rows;
   for (int64_t id = 1; id <= 3500; ++id) {
@@ -28,58 +28,19 @@ TEST(ExtLoad, BuildsFromAQueryAndAddsToWhatIsThere) {
     const Box q = random_box(rng, 2, 500);
     std::vector<int64_t> expected;
     for (const Row& r : rows)
-      if (model_matches(kIntersect, false, r.box, q, 2)) expected.push_back(r.id);
+      if (zqtool::model_overlaps(r.box, q, 2)) expected.push_back(r.id);
     EXPECT_EQ(db.ids("SELECT id FROM t('intersect', " + box_sql(q, 2) + ") ORDER BY id"), expected);
   }
-}
-
-TEST(ExtLoad, BadInputIsRefusedAndChangesNothing) {
-  const struct {
-    const char* call;
-    const char* message;
-  } cases[] = {
-      {"zqrtree_load('t', 'SELECT id, a, b FROM src')", "expected 5"},
-      {"zqrtree_load('t', 'SELECT CAST(id AS TEXT), a, b, c, d FROM src')", "id is not an integer"},
-      {"zqrtree_load('t', 'SELECT id, b, a, c, d FROM src WHERE id = 2')", "above"},
-      {"zqrtree_load('t', 'SELECT id + 0, a, b, c, d FROM src WHERE id = 1')", "duplicate rowid 1"},
-      {"zqrtree_load('t', 'SELECT * FROM src', 0.01)", "fill factor"},
-      {"zqrtree_load('t', 'SELECT * FROM nowhere')", "no such table: nowhere"},
-      {"zqrtree_load('nothing', 'SELECT * FROM src')", "no table 'nothing'"},
-      {"zqrtree_load('src', 'SELECT * FROM src')", "not a zqrtree table"},
-  };
-  Db db;
-  db.exec("CREATE TABLE src (id INTEGER PRIMARY KEY, a REAL, b REAL, c REAL, d REAL)");
-  db.exec("INSERT INTO src VALUES (1, 0, 1, 0, 1), (2, 1, 3, 1, 3), (3, 5, 6, 5, 6)");
-  db.exec("CREATE VIRTUAL TABLE t USING zqrtree(id, lo0, hi0, lo1, hi1)");
-  db.exec("INSERT INTO t VALUES (1, 0, 1, 0, 1)");
-  for (const auto& c : cases) {
-    const std::string err = db.try_exec(std::string("SELECT ") + c.call);
-    EXPECT_NE(err.find(c.message), std::string::npos) << c.call << ": " << err;
-    EXPECT_EQ(db.rows("SELECT * FROM t"), std::vector<std::string>{"1|0.0|1.0|0.0|1.0"}) << c.call;
-  }
-  db.exec("BEGIN");
-  EXPECT_NE(db.try_exec("SELECT zqrtree_load('t', 'SELECT * FROM src WHERE id > 1')")
-                .find("outside BEGIN"),
-            std::string::npos);
-  db.exec("COMMIT");
-  EXPECT_EQ(db.one("SELECT zqrtree_check('t')"), "ok");
 }
 
 // Tables d (direct) and f (deferred) take the same changes.
 class DeferredPair {
  public:
   explicit DeferredPair(Db& db) : db_(db) {
-    for (const char* t : {"d", "f"})
-      db_.exec(std::string("CREATE VIRTUAL TABLE ") + t + " USING zqrtree(id, lo0, hi0, lo1, hi1)");
+    on_both(db_, create_sql("$T", 2), "f", "d");
     EXPECT_EQ(db_.one("SELECT zqrtree_defer('f', 1)"), "1");
   }
-  void both(const std::string& sql) {
-    for (const char* t : {"d", "f"}) {
-      std::string s = sql;
-      s.replace(s.find("$T"), 2, t);
-      db_.exec(s);
-    }
-  }
+  void both(const std::string& sql) { on_both(db_, sql, "f", "d"); }
   void random_changes(std::mt19937& rng, int n) {
     for (int i = 0; i < n; ++i) {
       const int64_t id = 1 + static_cast<int64_t>(rng() % 150);
