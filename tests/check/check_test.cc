@@ -39,11 +39,7 @@ class CheckTest : public zqtest::HostTest {
     rtr_mem_destroy(env_, h);
   }
 
-  void sql(const std::string& text) {
-    char* msg = nullptr;
-    ASSERT_EQ(sqlite3_exec(zqsess_db(sess_), text.c_str(), nullptr, nullptr, &msg), SQLITE_OK)
-        << text << ": " << (msg ? msg : "");
-  }
+  using HostTest::exec;
 
   int64_t one(const std::string& text) {
     sqlite3_stmt* st = nullptr;
@@ -80,6 +76,14 @@ class CheckTest : public zqtest::HostTest {
 
   int64_t first_leaf() {
     return one("SELECT rowid FROM \"MDRT$t\" WHERE level = 0 AND rowid <> 1 ORDER BY rowid");
+  }
+
+  // Runs `sql` with {leaf} standing for the first leaf; returns the leaf.
+  int64_t on_leaf(std::string sql) {
+    const int64_t leaf = first_leaf();
+    sql.replace(sql.find("{leaf}"), 6, std::to_string(leaf));
+    exec(sql.c_str());
+    return leaf;
   }
 
   zqcheck::CheckResult check() { return zqcheck::check_tree(sess_, "main", "t", 2); }
@@ -128,40 +132,70 @@ class DamageTest : public CheckTest, public testing::WithParamInterface<Damage> 
 const Damage kDamages[] = {
     {"WrongParentId",
      [](CheckTest& t) {
-       int64_t leaf = t.first_leaf();
-       t.sql(
-           "UPDATE \"MDRT$t\" SET parent_id = parent_id + 1000 "
-           "WHERE rowid = " +
-           std::to_string(leaf));
-       return leaf;
+       return t.on_leaf("UPDATE \"MDRT$t\" SET parent_id = parent_id + 1000 WHERE rowid = {leaf}");
      },
      "parent_id"},
-    {"BoxNotContainingChild",
+    {"LevelMismatch",
+     [](CheckTest& t) { return t.on_leaf("UPDATE \"MDRT$t\" SET level = 1 WHERE rowid = {leaf}"); },
+     "level"},
+    {"BlobShorterThanItsCount",
      [](CheckTest& t) {
-       auto& d = t;
-       std::vector<uint8_t> b = d.blob(RTR_ROOT_ID);
-       double min0;
-       std::memcpy(&min0, b.data() + 12, 8);
-       std::memcpy(b.data() + kMax0, &min0, 8);  // entry 0 shrinks to its left edge
-       d.set_blob(RTR_ROOT_ID, b);
-       return int64_t{RTR_ROOT_ID};
+       return t.on_leaf(
+           "UPDATE \"MDRT$t\" SET cells = substr(cells, 1, length(cells) - 3) WHERE rowid = "
+           "{leaf}");
      },
-     "does not contain"},
+     "corrupt"},
+    {"CellsNotABlob",
+     [](CheckTest& t) {
+       return t.on_leaf("UPDATE \"MDRT$t\" SET cells = 'text' WHERE rowid = {leaf}");
+     },
+     "corrupt"},
+    {"EmptyNonRootNode",
+     [](CheckTest& t) {
+       return t.on_leaf("UPDATE \"MDRT$t\" SET cells = X'00000000' WHERE rowid = {leaf}");
+     },
+     "no entries"},
+    {"CountOver51",  // a length that matches the count, but the count is too large
+     [](CheckTest& t) {
+       return t.on_leaf(
+           "UPDATE \"MDRT$t\" SET cells = CAST(X'34000000' || zeroblob(2080) AS BLOB) WHERE rowid "
+           "= {leaf}");
+     },
+     "exceeds 51"},
     {"UnreachableNode",
      [](CheckTest& t) {
-       auto& d = t;
-       int64_t leaf = d.first_leaf();
-       d.sql(
+       t.on_leaf(
            "INSERT INTO \"MDRT$t\" (rowid, level, parent_id, cells) SELECT 999999, level, "
-           "parent_id, cells FROM \"MDRT$t\" WHERE rowid = " +
-           std::to_string(leaf));
+           "parent_id, cells FROM \"MDRT$t\" WHERE rowid = {leaf}");
        return int64_t{999999};
      },
      "not reachable"},
+    {"EntryNamingNoRow",
+     [](CheckTest& t) {
+       const int64_t leaf = t.first_leaf();
+       const int64_t parent =
+           t.one("SELECT parent_id FROM \"MDRT$t\" WHERE rowid = " + std::to_string(leaf));
+       t.on_leaf("DELETE FROM \"MDRT$t\" WHERE rowid = {leaf}");
+       return parent;
+     },
+     "no row"},
+    {"MissingRoot",
+     [](CheckTest& t) {
+       t.exec("DELETE FROM \"MDRT$t\" WHERE rowid = 1");
+       return int64_t{RTR_ROOT_ID};
+     },
+     "root"},
+    {"BoxNotContainingChild",
+     [](CheckTest& t) {
+       std::vector<uint8_t> b = t.blob(RTR_ROOT_ID);
+       std::memcpy(b.data() + kMax0, b.data() + 12, 8);  // entry 0 shrinks to its left edge
+       t.set_blob(RTR_ROOT_ID, b);
+       return int64_t{RTR_ROOT_ID};
+     },
+     "does not contain"},
     {"SubtreeCutOff",
      [](CheckTest& t) {
-       auto& d = t;
-       std::vector<uint8_t> b = d.blob(RTR_ROOT_ID);
+       std::vector<uint8_t> b = t.blob(RTR_ROOT_ID);
        uint32_t n;
        std::memcpy(&n, b.data(), 4);
        n -= 1;  // drop the last entry: its subtree is no longer reachable
@@ -169,89 +203,25 @@ const Damage kDamages[] = {
        std::memcpy(&last, b.data() + 4 + n * kEntry, 8);
        std::memcpy(b.data(), &n, 4);
        b.resize(4 + n * kEntry);
-       d.set_blob(RTR_ROOT_ID, b);
+       t.set_blob(RTR_ROOT_ID, b);
        // The first row the walk missed, in rowid order, is reported.
-       return d.one("SELECT min(rowid) FROM \"MDRT$t\" WHERE rowid = " + std::to_string(last) +
-                    " OR parent_id = " + std::to_string(last) +
-                    " OR parent_id IN (SELECT rowid "
-                    "FROM \"MDRT$t\" WHERE parent_id = " +
-                    std::to_string(last) + ")");
+       const std::string l = std::to_string(last);
+       return t.one("SELECT min(rowid) FROM \"MDRT$t\" WHERE rowid = " + l +
+                    " OR parent_id = " + l +
+                    " OR parent_id IN (SELECT rowid FROM \"MDRT$t\" WHERE parent_id = " + l + ")");
      },
      "not reachable"},
-    {"LevelMismatch",
-     [](CheckTest& t) {
-       auto& d = t;
-       int64_t leaf = d.first_leaf();
-       d.sql("UPDATE \"MDRT$t\" SET level = 1 WHERE rowid = " + std::to_string(leaf));
-       return leaf;
-     },
-     "level"},
-    {"BlobShorterThanItsCount",
-     [](CheckTest& t) {
-       auto& d = t;
-       int64_t leaf = d.first_leaf();
-       d.sql("UPDATE \"MDRT$t\" SET cells = substr(cells, 1, length(cells) - 3) WHERE rowid = " +
-             std::to_string(leaf));
-       return leaf;
-     },
-     "corrupt"},
-    {"CountOver51",
-     [](CheckTest& t) {
-       auto& d = t;
-       int64_t leaf = d.first_leaf();
-       std::vector<uint8_t> b(4 + 52 * kEntry, 0);
-       b[0] = 52;  // a length that matches the count, but the count is too large
-       d.set_blob(leaf, b);
-       return leaf;
-     },
-     "exceeds 51"},
-    {"CellsNotABlob",
-     [](CheckTest& t) {
-       auto& d = t;
-       int64_t leaf = d.first_leaf();
-       d.sql("UPDATE \"MDRT$t\" SET cells = 'text' WHERE rowid = " + std::to_string(leaf));
-       return leaf;
-     },
-     "corrupt"},
-    {"MissingRoot",
-     [](CheckTest& t) {
-       t.sql("DELETE FROM \"MDRT$t\" WHERE rowid = 1");
-       return int64_t{RTR_ROOT_ID};
-     },
-     "root"},
-    {"EntryNamingNoRow",
-     [](CheckTest& t) {
-       auto& d = t;
-       int64_t leaf = d.first_leaf();
-       int64_t parent =
-           d.one("SELECT parent_id FROM \"MDRT$t\" WHERE rowid = " + std::to_string(leaf));
-       d.sql("DELETE FROM \"MDRT$t\" WHERE rowid = " + std::to_string(leaf));
-       return parent;
-     },
-     "no row"},
     {"NodeReachedTwice",
      [](CheckTest& t) {
-       auto& d = t;
-       std::vector<uint8_t> b = d.blob(RTR_ROOT_ID);
-       uint32_t n;
-       std::memcpy(&n, b.data(), 4);
+       std::vector<uint8_t> b = t.blob(RTR_ROOT_ID);
        b.insert(b.end(), b.begin() + 4, b.begin() + 4 + kEntry);  // entry 0 twice
-       n += 1;
-       std::memcpy(b.data(), &n, 4);
-       d.set_blob(RTR_ROOT_ID, b);
+       b[0] += 1;
+       t.set_blob(RTR_ROOT_ID, b);
        int64_t child;
        std::memcpy(&child, b.data() + 4, 8);
        return child;
      },
      "twice"},
-    {"EmptyNonRootNode",
-     [](CheckTest& t) {
-       auto& d = t;
-       int64_t leaf = d.first_leaf();
-       d.sql("UPDATE \"MDRT$t\" SET cells = X'00000000' WHERE rowid = " + std::to_string(leaf));
-       return leaf;
-     },
-     "no entries"},
 };
 
 TEST_P(DamageTest, IsReportedAtItsNode) {
