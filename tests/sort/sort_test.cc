@@ -288,6 +288,120 @@ TEST_F(SortTest, SpillsRunsWithinTheBudgetAndMergesInPasses) {
   }
 }
 
+// Keys whose bytes vary in one place only, or not at all, so the radix
+// passes that are skipped and the ones that run both meet the model.
+TEST_F(SortTest, OrdersKeysDifferingInAnyOneByteOrNone) {
+  struct Case {
+    const char* name;
+    Key key;
+    std::function<void(size_t, Row*)> make;
+  };
+  const size_t n = 6000;
+  const Case cases[] = {
+      {"all keys equal", {1, 'A'}, [](size_t, Row* r) { r->d = 3.25; }},
+      {"low byte only", {2, 'A'}, [](size_t k, Row* r) { r->i = static_cast<int64_t>(k % 256); }},
+      {"top byte only, both signs",
+       {2, 'D'},
+       [](size_t k, Row* r) { r->i = static_cast<int64_t>((k % 256) << 56); }},
+      {"ties between -0 and +0",
+       {1, 'A'},
+       [](size_t k, Row* r) { r->d = k % 3 == 0 ? -0.0 : (k % 3 == 1 ? 0.0 : -1e-300); }},
+      {"descending input",
+       {1, 'A'},
+       [](size_t k, Row* r) { r->d = static_cast<double>(n - k) * 1e10; }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<Row> rows(n);
+    for (size_t k = 0; k < n; ++k) {
+      rows[k] = Row{static_cast<int64_t>(k) + 1, 0.0, 0};
+      c.make(k, &rows[k]);
+    }
+    Sorter s(env_, sess_, {c.key});
+    ASSERT_EQ(s.set_layout(), 0);
+    std::vector<Row> out;
+    ASSERT_EQ(s.run(rows, &out), 0);
+    expect_sorted_permutation(rows, out, s.keys());
+  }
+}
+
+// Sorters of one session draw on one budget: while one holds most of it, a
+// second spills where it alone would not, and together they never hold more
+// than the budget and the second's first chunk.
+TEST_F(SortTest, SortersOfOneSessionShareItsBudget) {
+  const uint64_t budget = 4u << 20;
+  zqsess_set_sort_mem(sess_, budget);
+  *pool() = zq_sort_pool{};
+  pool()->session = sess_;
+  const uint64_t allocs = zqenv_live_allocs(env_);
+  const std::vector<Key> keys{{1, 'A'}};
+  const std::vector<Row> big = make_rows(80000, 21);    // most of the budget, in memory
+  const std::vector<Row> small = make_rows(20000, 22);  // fits the budget alone
+  {
+    Sorter alone(env_, sess_, keys);
+    ASSERT_EQ(alone.set_layout(), 0);
+    std::vector<Row> out;
+    ASSERT_EQ(alone.run(small, &out), 0);
+    expect_sorted_permutation(small, out, keys);
+  }
+  EXPECT_EQ(pool()->runs_written, 0u) << "the small set fits the budget alone";
+  {
+    Sorter first(env_, sess_, keys);
+    Sorter second(env_, sess_, keys);
+    ASSERT_EQ(first.set_layout(), 0);
+    ASSERT_EQ(second.set_layout(), 0);
+    ASSERT_EQ(first.put(big), 0);
+    ASSERT_EQ(nsort_sort_it(env_, first.get()), 0);
+    EXPECT_EQ(pool()->runs_written, 0u) << "the big set fits the budget alone too";
+    std::vector<Row> out;
+    ASSERT_EQ(second.run(small, &out), 0);
+    expect_sorted_permutation(small, out, keys);
+    EXPECT_GT(pool()->runs_written, 1u) << "the second sorter had to spill";
+    out.clear();
+    ASSERT_EQ(first.get(&out), 0);
+    expect_sorted_permutation(big, out, keys);
+  }
+  EXPECT_LE(pool()->peak_held, budget + 256 * 1024);
+  EXPECT_EQ(pool()->held, 0u);
+  EXPECT_EQ(pool()->committed, 0u);
+  EXPECT_EQ(zqenv_live_allocs(env_), allocs);
+}
+
+// A cleared sorter keeps a few chunks for the next rows; they go with a new
+// layout (rows of another width) and with the sorter.
+TEST_F(SortTest, ChunksKeptByAClearServeTheNextRowsAndGoWithTheSorter) {
+  zqsess_set_sort_mem(sess_, 64u << 20);
+  const uint64_t allocs = zqenv_live_allocs(env_);
+  {
+    Sorter s(env_, sess_, {{2, 'D'}});
+    ASSERT_EQ(s.set_layout(), 0);
+    for (uint32_t round = 0; round < 3; ++round) {
+      SCOPED_TRACE("round " + std::to_string(round));
+      const std::vector<Row> rows = make_rows(5000 + round * 3000, 30 + round);
+      std::vector<Row> out;
+      ASSERT_EQ(s.run(rows, &out), 0);
+      expect_sorted_permutation(rows, out, s.keys());
+      nsort_clear(env_, s.get());
+      EXPECT_GT(zqenv_live_allocs(env_), allocs + 1) << "chunks kept after the clear";
+    }
+    // Two columns instead of three: the kept chunks were cut for wider rows.
+    const zq_sort_col cols[2] = {{1, ZQ_TYPE_DOUBLE}, {0, ZQ_TYPE_BIGINT}};
+    const zq_sort_key key{1, 'A', sort2_simple_fun_search(env_, ZQ_TYPE_DOUBLE)};
+    const zq_sort_col_list cl{2, cols};
+    const zq_sort_key_list kl{1, &key};
+    ASSERT_EQ(nsort_set_bdta_info(env_, s.get(), &cl, 0, &kl, 1), 0);
+    const std::vector<Row> rows = make_rows(7000, 40);
+    std::vector<Row> out;
+    ASSERT_EQ(s.put(rows), 0);
+    ASSERT_EQ(nsort_sort_it(env_, s.get()), 0);
+    ASSERT_EQ(s.get(&out), 0);
+    ASSERT_EQ(out.size(), rows.size());
+    for (size_t k = 1; k < out.size(); ++k)
+      ASSERT_FALSE(model_less(out[k], out[k - 1], {{1, 'A'}})) << "rows " << k - 1 << ", " << k;
+  }
+  EXPECT_EQ(zqenv_live_allocs(env_), allocs);
+}
+
 TEST_F(SortTest, TakesNoWorkingMemoryBeforeTheFirstRow) {
   const uint64_t allocs = zqenv_live_allocs(env_);
   zqtest::TrackingMem mem(env_);
