@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <thread>
 
@@ -32,19 +31,12 @@ class CrashTest : public ::testing::Test {
     return zqtest::run_tool(dir_, args);
   }
 
-  // Rows id,min0,min1,max0,max1 with ids from `first`; quarter-integer corners.
+  // Random 2-axis boxes with ids from `first`, written by the tool itself.
   std::string write_csv(const std::string& name, int64_t first, int n, uint64_t seed) {
-    std::mt19937_64 rng(seed);
-    std::uniform_int_distribution<int> pos(0, 4000), len(0, 40);
-    std::string text;
-    for (int i = 0; i < n; ++i) {
-      const int x = pos(rng), y = pos(rng);
-      text += std::to_string(first + i) + "," + std::to_string(x / 4.0) + "," +
-              std::to_string(y / 4.0) + "," + std::to_string((x + len(rng)) / 4.0) + "," +
-              std::to_string((y + len(rng)) / 4.0) + "\n";
-    }
     const std::string path = dir_.file(name);
-    std::ofstream(path) << text;
+    const zqtest::Outcome r = tool({"gen", path, "-n", std::to_string(n), "--seed",
+                                    std::to_string(seed), "--first-id", std::to_string(first)});
+    EXPECT_EQ(r.status, 0) << r.err;
     return path;
   }
 
