@@ -17,10 +17,9 @@
 #include "check/check.h"
 #include "common/fixture.h"
 #include "driver/db_dump.h"
+#include "driver/index.h"
 #include "tools/model.h"
 #include "zqrtree/cursor.h"
-#include "zqrtree/node.h"
-#include "zqrtree/phy.h"
 #include "zqrtree/tree.h"
 
 namespace {
@@ -192,19 +191,14 @@ TEST(Concurrency, ReadersSeeCommittedSnapshotsBesideOneWriter) {
   zqtest::TempDir dir;
   const std::string path = dir.file("c.db");
   {
-    // The empty tree: a root leaf, and the count of committed batches.
+    // The empty index (a root leaf) as the driver makes it, and the count of
+    // committed batches.
+    std::unique_ptr<zq::Database> db;
+    zq::Index index;
+    ASSERT_TRUE(zq::Database::open(path, true, &db));
+    ASSERT_TRUE(zq::Index::create(*db, "t", kDims, &index));
     Conn c(path);
-    ASSERT_TRUE(c.ok());
-    ASSERT_EQ(zqsess_create_node_table(c.sess_, "main", "t"), 0);
     ASSERT_EQ(c.exec("CREATE TABLE batches(n INTEGER); INSERT INTO batches VALUES (0)"), SQLITE_OK);
-    rtr_mem* h = c.handle(0);
-    ASSERT_NE(h, nullptr);
-    rtr_node* root = nullptr;
-    ASSERT_EQ(rtr_node_create(c.env_, h, 0, RTR_ROOT_ID, &root), 0);
-    root->n_cells = 0;
-    ASSERT_EQ(rtr_phy_insert_node(c.env_, h, root), 0);
-    rtr_node_destroy(h, root);
-    rtr_mem_destroy(c.env_, h);
   }
   const Plan plan = make_plan(80, 5);
   constexpr int kReaders = 3;
