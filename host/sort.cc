@@ -35,6 +35,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <type_traits>
 
 #include "host/host.h"
 #include "host/sort_pool.h"
@@ -293,21 +294,70 @@ void col_ptrs(const zq_nsort* s, const zq_bdta* bdta, ColPtrs* p) {
   }
 }
 
+// The row copies below are specialised for the column counts of the bulk
+// build's rows (one to three axes: 4, 6 and 8 columns); N = 0 is any count.
+template <uint16_t N>
+uint16_t cols_of(const zq_nsort* s) {
+  return N != 0 ? N : s->n_cols;
+}
+
+template <uint16_t N>
 void pack_row(const zq_nsort* s, const ColPtrs& p, uint32_t r, uint8_t* row) {
-  uint8_t* flags = row + sizeof(zq_datum) * s->n_cols;
+  const uint16_t n = cols_of<N>(s);
+  uint8_t* flags = row + sizeof(zq_datum) * n;
   auto* data = reinterpret_cast<zq_datum*>(row);
-  for (uint16_t i = 0; i < s->n_cols; ++i) {
+  for (uint16_t i = 0; i < n; ++i) {
     data[i] = p.data[i][r];
     flags[i] = p.flags[i][r];
   }
 }
 
+template <uint16_t N>
 void unpack_row(const zq_nsort* s, const uint8_t* row, const ColPtrs& p, uint32_t r) {
-  const uint8_t* flags = row + sizeof(zq_datum) * s->n_cols;
+  const uint16_t n = cols_of<N>(s);
+  const uint8_t* flags = row + sizeof(zq_datum) * n;
   const auto* data = reinterpret_cast<const zq_datum*>(row);
-  for (uint16_t i = 0; i < s->n_cols; ++i) {
+  for (uint16_t i = 0; i < n; ++i) {
     p.data[i][r] = data[i];
     p.flags[i][r] = flags[i];
+  }
+}
+
+// Batch rows [r, r + count) into consecutive packed rows from `row` on.
+template <uint16_t N>
+void pack_rows(const zq_nsort* s, const ColPtrs& p, uint32_t r, uint32_t count, uint8_t* row) {
+  for (uint32_t k = 0; k < count; ++k, row += s->width) pack_row<N>(s, p, r + k, row);
+}
+
+// The rows of `count` sorted entries into batch rows from `r` on. The rows
+// lie scattered over the chunks, so each is fetched a few entries ahead
+// (`left` entries remain from `e` on) and the copy does not wait on memory.
+template <uint16_t N>
+void unpack_entries(const zq_nsort* s, const Entry* e, uint64_t count, uint64_t left,
+                    const ColPtrs& p, uint32_t r) {
+  for (uint64_t i = 0; i < count; ++i) {
+    if (i + kPrefetchRows < left) {
+      const uint8_t* ahead = e[i + kPrefetchRows].row;
+      __builtin_prefetch(ahead);
+      __builtin_prefetch(ahead + s->width - 1);
+    }
+    unpack_row<N>(s, e[i].row, p, r + static_cast<uint32_t>(i));
+  }
+}
+
+// Calls fn(std::integral_constant<uint16_t, N>) with N the sorter's column
+// count when a specialisation exists, else 0.
+template <class Fn>
+void by_cols(const zq_nsort* s, Fn&& fn) {
+  switch (s->n_cols) {
+    case 4:
+      return fn(std::integral_constant<uint16_t, 4>{});
+    case 6:
+      return fn(std::integral_constant<uint16_t, 6>{});
+    case 8:
+      return fn(std::integral_constant<uint16_t, 8>{});
+    default:
+      return fn(std::integral_constant<uint16_t, 0>{});
   }
 }
 
@@ -819,7 +869,7 @@ extern "C" int32_t nsort_put_bdta(zq_env* env, zq_nsort* s, zq_bdta* bdta) {
     if (rc < 0) return fail_state(s, rc);
     const uint32_t take = std::min(room, bdta->n_rows - r);
     uint8_t* row = mem_row(s, s->n_mem);
-    for (uint32_t i = 0; i < take; ++i, row += s->width) pack_row(s, p, r + i, row);
+    by_cols(s, [&](auto n) { pack_rows<n()>(s, p, r, take, row); });
     for (uint32_t i = 0; i < take; ++i) s->key_null |= p.flags[key_slot][r + i] == 0;
     s->n_mem += take;
     r += take;
@@ -845,24 +895,15 @@ extern "C" int32_t nsort_get_bdta(zq_env* /*env*/, zq_memobj* /*mem*/, zq_bdta* 
   const bool merging = m.block != nullptr;
   uint32_t r = 0;
   for (; r < room && merging && m.heap_n > 0; ++r) {
-    unpack_row(s, merge_head(s, m), p, r);
+    unpack_row<0>(s, merge_head(s, m), p, r);
     const int32_t rc = merge_pop(s, &m, nullptr);
     if (rc < 0) return fail_state(s, rc);
   }
   if (!merging) {
-    // The entries are in key order, their rows scattered over the chunks:
-    // fetch rows a few entries ahead so the copy does not wait on memory.
-    const uint64_t take = std::min<uint64_t>(room, s->n_entries - s->next);
+    const uint64_t left = s->n_entries - s->next;
+    const uint64_t take = std::min<uint64_t>(room, left);
     const Entry* e = s->entries + s->next;
-    const uint64_t ahead_end = s->n_entries - s->next;
-    for (uint64_t i = 0; i < take; ++i) {
-      if (i + kPrefetchRows < ahead_end) {
-        const uint8_t* ahead = e[i + kPrefetchRows].row;
-        __builtin_prefetch(ahead);
-        __builtin_prefetch(ahead + s->width - 1);
-      }
-      unpack_row(s, e[i].row, p, r + static_cast<uint32_t>(i));
-    }
+    by_cols(s, [&](auto n) { unpack_entries<n()>(s, e, take, left, p, r); });
     s->next += take;
     r += static_cast<uint32_t>(take);
   }
