@@ -279,6 +279,25 @@ TEST_F(FaultSweep, InsertIntoMultiLevelTree) {
         writing([this] { return insert(999999, box2(500.5, 500.5, 501, 501)); }, kInsertChain));
 }
 
+TEST_F(FaultSweep, OverflowOfALeafForcesReinsertion) {
+  grow(2);
+  // Copies of one point fill the leaf that takes them; one more overflows a
+  // leaf below the root, which first reinserts some of its entries.
+  const rtr_rect p = box2(321.5, 654.5, 321.5, 654.5);
+  open(2);
+  for (int64_t id = 900000;; ++id) {
+    const rtr_cell c{id, p};
+    rtr_node* leaf = nullptr;
+    ASSERT_EQ(rtr_choose_leaf(env_, rtr_, &c, 0, &leaf), 0);
+    const uint32_t cells = leaf->n_cells;
+    rtr_node_release(leaf);
+    if (cells == RTR_MAX_CELLS) break;
+    ASSERT_EQ(insert(id, p), 0);
+  }
+  commit();
+  sweep("forced reinsertion", writing([this, p] { return insert(999999, p); }, kInsertChain));
+}
+
 TEST_F(FaultSweep, SplitAtTheRoot) {
   create_root(2);
   open(2);
