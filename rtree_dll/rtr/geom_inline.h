@@ -125,11 +125,33 @@ double union_area(const rtr_rect* a, const rtr_rect* b) {
 }
 
 // The first cell's whole box grown by every further one, in array order; the
-// first box is copied even when count is 0.
+// first box is copied even when count is 0. grow(acc, b) keeps acc's value
+// only where it is strictly beyond b's, which is union_into(acc, b) exactly;
+// the running box lives in locals so the loop need not store and reload it
+// for fear that out aliases a cell.
 template <unsigned N>
 void union_cells(uint32_t count, const rtr_cell* cells, rtr_rect* out) {
-  *out = cells[0].rect;
-  for (uint32_t i = 1; i < count; ++i) grow<N>(out, &cells[i].rect);
+  rtr_rect acc = cells[0].rect;
+  double mn[3], mx[3];
+#pragma GCC unroll 3
+  for (unsigned k = 0; k < N; ++k) {
+    mn[k] = lo(&acc, k);
+    mx[k] = hi(&acc, k);
+  }
+  for (uint32_t i = 1; i < count; ++i) {
+    const rtr_rect* b = &cells[i].rect;
+#pragma GCC unroll 3
+    for (unsigned k = 0; k < N; ++k) {
+      mn[k] = mn[k] < lo(b, k) ? mn[k] : lo(b, k);
+      mx[k] = mx[k] > hi(b, k) ? mx[k] : hi(b, k);
+    }
+  }
+#pragma GCC unroll 3
+  for (unsigned k = 0; k < N; ++k) {
+    acc.*kMin[k] = mn[k];
+    acc.*kMax[k] = mx[k];
+  }
+  *out = acc;
 }
 
 // True when a used axis of one of the boxes holds a NaN.
