@@ -111,6 +111,31 @@ TEST_F(CacheTest, HashChainsUseTheSaltedLow32BitsAndCompareFullIds) {
   EXPECT_EQ(rtr_node_hash_lookup(rtr, 6), nullptr);
 }
 
+TEST_F(CacheTest, AnAcquireHitMovesTheNodeToItsChainHeadAndLosesNothing) {
+  // Same low 32 bits: one bucket, chained newest first as c, b, a.
+  const int64_t ids[3] = {5, (int64_t{1} << 32) + 5, (int64_t{2} << 32) + 5};
+  for (int64_t id : ids) store(id, 0, 1);
+  rtr_mem* rtr = handle();
+  rtr_node* nodes[3];
+  for (int i = 0; i < 3; ++i) nodes[i] = acquire(rtr, ids[i]);
+  const uint32_t bucket = (5u ^ RTR_NODE_HASH_SALT) % RTR_NODE_HASH_BUCKETS;
+  auto chain = [&] {
+    std::vector<rtr_node*> out;
+    for (auto* n = static_cast<rtr_node*>(rtr->node_hash->buckets[bucket]); n != nullptr;
+         n = n->hash_next)
+      out.push_back(n);
+    return out;
+  };
+  EXPECT_EQ(chain(), (std::vector<rtr_node*>{nodes[2], nodes[1], nodes[0]}));
+  EXPECT_EQ(acquire(rtr, ids[0]), nodes[0]);  // the tail
+  EXPECT_EQ(chain(), (std::vector<rtr_node*>{nodes[0], nodes[2], nodes[1]}));
+  EXPECT_EQ(acquire(rtr, ids[2]), nodes[2]);  // the middle
+  EXPECT_EQ(chain(), (std::vector<rtr_node*>{nodes[2], nodes[0], nodes[1]}));
+  EXPECT_EQ(rtr->n_cached, 3u);
+  EXPECT_EQ(rtr->lru_first, nodes[2]);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(rtr_node_hash_lookup(rtr, ids[i]), nodes[i]);
+}
+
 TEST_F(CacheTest, ReadingNodeOneRefreshesTheRootLevelOnlyOnAMiss) {
   store(1, 3, 2);
   rtr_mem* rtr = handle();
