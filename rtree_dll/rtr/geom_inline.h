@@ -18,6 +18,9 @@
 
 namespace zqrtree::geom {
 
+// Every axis loop below is unrolled (at most three turns): the member-pointer
+// tables then fold into plain field offsets instead of table loads.
+
 inline constexpr double rtr_rect::*kMin[3] = {&rtr_rect::min0, &rtr_rect::min1, &rtr_rect::min2};
 inline constexpr double rtr_rect::*kMax[3] = {&rtr_rect::max0, &rtr_rect::max1, &rtr_rect::max2};
 
@@ -55,6 +58,7 @@ ZQ_GEOM_INLINE double area(const rtr_rect* r) {
     return 1.0;
   } else {
     double product = extent(r, 0);
+#pragma GCC unroll 3
     for (unsigned k = 1; k < N; ++k) product = product * extent(r, k);
     return product;
   }
@@ -66,6 +70,7 @@ ZQ_GEOM_INLINE double margin(const rtr_rect* r) {
     return 0.0;
   } else {
     double sum = extent(r, 0);
+#pragma GCC unroll 3
     for (unsigned k = 1; k < N; ++k) sum = sum + extent(r, k);
     return sum;
   }
@@ -74,6 +79,7 @@ ZQ_GEOM_INLINE double margin(const rtr_rect* r) {
 template <unsigned N>
 ZQ_GEOM_INLINE double overlap(const rtr_rect* a, const rtr_rect* b) {
   double product = 1.0;
+#pragma GCC unroll 3
   for (unsigned k = 0; k < N; ++k) {
     const double l = lo(a, k) > lo(b, k) ? lo(a, k) : lo(b, k);
     const double h = hi(a, k) < hi(b, k) ? hi(a, k) : hi(b, k);
@@ -85,6 +91,7 @@ ZQ_GEOM_INLINE double overlap(const rtr_rect* a, const rtr_rect* b) {
 
 template <unsigned N>
 ZQ_GEOM_INLINE void union_into(const rtr_rect* a, const rtr_rect* b, rtr_rect* out) {
+#pragma GCC unroll 3
   for (unsigned k = 0; k < N; ++k) {
     // Both inputs are read before out is written, so out may alias either.
     // Ties and NaN take b's value.
@@ -97,6 +104,7 @@ ZQ_GEOM_INLINE void union_into(const rtr_rect* a, const rtr_rect* b, rtr_rect* o
 
 template <unsigned N>
 ZQ_GEOM_INLINE void grow(rtr_rect* acc, const rtr_rect* b) {
+#pragma GCC unroll 3
   for (unsigned k = 0; k < N; ++k) {
     if (!(lo(b, k) > lo(acc, k))) acc->*kMin[k] = lo(b, k);
     if (!(hi(acc, k) > hi(b, k))) acc->*kMax[k] = hi(b, k);
@@ -158,6 +166,7 @@ void union_cells(uint32_t count, const rtr_cell* cells, rtr_rect* out) {
 template <unsigned N>
 bool any_nan(const rtr_cell* cells, uint32_t count) {
   for (uint32_t i = 0; i < count; ++i) {
+#pragma GCC unroll 3
     for (unsigned k = 0; k < N; ++k) {
       if (std::isnan(lo(&cells[i].rect, k)) || std::isnan(hi(&cells[i].rect, k))) return true;
     }
@@ -169,6 +178,7 @@ bool any_nan(const rtr_cell* cells, uint32_t count) {
 // NaN coordinate never makes them fail.
 template <unsigned N>
 ZQ_GEOM_INLINE bool contains(const rtr_rect* a, const rtr_rect* b) {
+#pragma GCC unroll 3
   for (unsigned k = 0; k < N; ++k) {
     if (lo(a, k) > lo(b, k) || hi(b, k) > hi(a, k)) return false;
   }
@@ -177,6 +187,7 @@ ZQ_GEOM_INLINE bool contains(const rtr_rect* a, const rtr_rect* b) {
 
 template <unsigned N>
 ZQ_GEOM_INLINE bool overlaps(const rtr_rect* a, const rtr_rect* b) {
+#pragma GCC unroll 3
   for (unsigned k = 0; k < N; ++k) {
     if (lo(a, k) > hi(b, k) || lo(b, k) > hi(a, k)) return false;
   }
@@ -185,6 +196,7 @@ ZQ_GEOM_INLINE bool overlaps(const rtr_rect* a, const rtr_rect* b) {
 
 template <unsigned N>
 ZQ_GEOM_INLINE bool equal(const rtr_rect* a, const rtr_rect* b) {
+#pragma GCC unroll 3
   for (unsigned k = 0; k < N; ++k) {
     if (!(lo(a, k) == lo(b, k)) || !(hi(a, k) == hi(b, k))) return false;
   }
