@@ -1,6 +1,8 @@
 // zqrtree insert: one entry from the command line, or every entry of a file
 // inserted one by one into the existing tree — all as one operation that
 // either completes or leaves the database as it was.
+#include <unordered_set>
+
 #include "tools/input.h"
 #include "tools/tool.h"
 
@@ -16,15 +18,27 @@ struct InsertArgs {
   std::string format = "auto";
 };
 
-zq::Status read_entries(const InsertArgs& a, int dims, std::vector<zq::Entry>* out) {
+// The file's position is the useful name for a bad entry, so everything the
+// insert would refuse about one entry is checked here, where it is known.
+zq::Status read_entries(const InsertArgs& a, const zq::Index& index, std::vector<zq::Entry>* out) {
   std::unique_ptr<zq::EntrySource> source;
-  if (zq::Status s = open_entries(a.file, a.format, dims, &source); !s) return s;
+  if (zq::Status s = open_entries(a.file, a.format, index.dims(), &source); !s) return s;
+  std::unordered_set<int64_t> seen;
   zq::Entry e;
   zq::Status bad;
   while (source->next(&e, &bad)) {
-    // The file's position is the useful name for a bad box.
-    if (std::string p = zq::box_problem(e.box, dims); !p.empty())
-      return zq::Status::invalid(source->where() + ": " + p);
+    const std::string where = source->where();
+    if (std::string p = zq::box_problem(e.box, index.dims()); !p.empty())
+      return zq::Status::invalid(where + ": " + p);
+    if (!seen.insert(e.id).second)
+      return zq::Status::invalid(where + ": duplicate rowid " + std::to_string(e.id) +
+                                 " in the input");
+    zq::Box stored;
+    zq::Status found = index.lookup(e.id, &stored);
+    if (found)
+      return zq::Status::invalid(where + ": duplicate rowid " + std::to_string(e.id) +
+                                 " (already in index '" + index.name() + "')");
+    if (found.kind() != zq::Status::Kind::kNotFound) return found;
     out->push_back(e);
   }
   return bad;
@@ -40,7 +54,7 @@ int run_insert(Context& ctx, const InsertArgs& a) {
   std::vector<zq::Entry> entries;
   if (a.id.has_value()) {
     entries.push_back(zq::Entry{parse_rowid(*a.id), parse_box(a.box, index.dims())});
-  } else if (zq::Status s = read_entries(a, index.dims(), &entries); !s) {
+  } else if (zq::Status s = read_entries(a, index, &entries); !s) {
     return ctx.fail(s);
   }
   ctx.arm_faults(*db);

@@ -120,6 +120,10 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
        "7,0,0,1,1\n8,0,0,1,1\n7,0,0,2,2\n"},
       {"load {db} t {file}", 1, "old.csv:2: duplicate rowid 2 (already in index 't')", "old.csv",
        "7,0,0,1,1\n2,0,0,1,1\n"},
+      {"insert {db} t --file {file}", 1, "dup.csv:3: duplicate rowid 7 in the input", "dup.csv",
+       "7,0,0,1,1\n8,0,0,1,1\n7,0,0,2,2\n"},
+      {"insert {db} t --file {file}", 1, "old.csv:2: duplicate rowid 2 (already in index 't')",
+       "old.csv", "7,0,0,1,1\n2,0,0,1,1\n"},
       {"delete {db} t 9", 1, "rowid 9 is not in index 't'"},
       {"delete {db} t 1 0,0,1,2", 1, "is not its stored box"},
       // Names, databases, indexes and node tables that are wrong or missing.
