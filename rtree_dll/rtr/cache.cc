@@ -8,21 +8,17 @@
 // the deletion took out of the tree. Marks are never cleared on write-back
 // (intended): a handle is flushed once, then destroyed.
 #include "rtr/frame.h"
+#include "rtr/node_hash.h"
 #include "rtr/node_list.h"
 #include "zqrtree/node.h"
 #include "zqrtree/phy.h"
 
+using zqrtree::bucket_of;
 using zqrtree::kDeletedList;
 using zqrtree::kDirtyList;
 using zqrtree::kRecencyList;
 
 namespace {
-
-rtr_node** bucket_of(rtr_mem* rtr, int64_t id) {
-  zq_hash* hash = rtr->node_hash;
-  const uint32_t index = (rtr_node_hash(id) ^ RTR_NODE_HASH_SALT) % hash->n_buckets;
-  return reinterpret_cast<rtr_node**>(&hash->buckets[index]);
-}
 
 void unchain(rtr_mem* rtr, rtr_node* node) {
   rtr_node** link = bucket_of(rtr, node->id);

@@ -12,6 +12,7 @@
 
 #include "rtr/frame.h"
 #include "rtr/geom_inline.h"
+#include "rtr/node_hash.h"
 
 namespace {
 
@@ -79,6 +80,24 @@ void prefetch_cells(const rtr_node* node) {
   const char* p = reinterpret_cast<const char*>(node->cells);
   const char* end = reinterpret_cast<const char*>(node->cells + node->n_cells);
   for (; p < end; p += 64) __builtin_prefetch(p);
+}
+
+// The child the branch scan will descend into after the one at `from - 1`:
+// its node is fetched from memory while the current child's subtree is
+// walked. Only a hint: the node is found the usual way when its turn comes,
+// and the head of its hash chain is most often the node itself.
+void prefetch_next_child(const rcur* cur, const rtr_node* node, uint32_t from) {
+  const rtr_mem* rtr = cur->rtr;
+  if (rtr->n_cached == 0) return;
+  for (uint32_t j = from; j < node->n_cells; ++j) {
+    const rtr_rect* e = &node->cells[j].rect;
+    if (!zqrtree::geom::branch_test<kCursorAxes>(e, &cur->rect, cur->op)) continue;
+    const rtr_node* head = *zqrtree::bucket_of(rtr, node->cells[j].id);
+    if (head == nullptr) return;
+    const char* p = reinterpret_cast<const char*>(head);
+    for (size_t off = 0; off < sizeof(rtr_node); off += 64) __builtin_prefetch(p + off);
+    return;
+  }
 }
 
 uint32_t scan(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
@@ -214,6 +233,7 @@ extern "C" int32_t rcur_step_to_leaf(zq_env* env, rcur* cur) {
       rtr_node_release(node);
       continue;
     }
+    if (node->level != 0) prefetch_next_child(cur, node, i + 1);
     Hit hit = point->level_mark > 1
                   ? Hit{node->cells[i].id, static_cast<uint8_t>(point->level_mark - 1), 0}
                   : Hit{node->id, 0, static_cast<uint8_t>(i)};
