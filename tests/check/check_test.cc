@@ -21,13 +21,9 @@ class CheckTest : public zqtest::HostTest {
   void SetUp() override {
     HostTest::SetUp();
     zqsess_set_rtree_buf_mb(sess_, 4096, 64);
+    write_empty_root(2);
     rtr_mem* h = open_handle(2);
     ASSERT_NE(h, nullptr);
-    rtr_node* root = nullptr;
-    ASSERT_EQ(rtr_node_create(env_, h, 0, RTR_ROOT_ID, &root), 0);
-    root->n_cells = 0;
-    ASSERT_EQ(rtr_phy_insert_node(env_, h, root), 0);
-    rtr_node_destroy(h, root);
     std::mt19937_64 rng(42);
     std::uniform_real_distribution<double> u(0, 1000);
     for (int i = 0; i < kEntries; ++i) {

@@ -142,6 +142,19 @@ class HostTest : public ::testing::Test {
     return rtr;
   }
 
+  // An empty root (rowid 1) at `level`, written through the node-table layer
+  // as a new index starts (level 0) or under a test's own children.
+  void write_empty_root(uint16_t dims, uint32_t level = 0) {
+    rtr_mem* h = open_handle(dims);
+    ASSERT_NE(h, nullptr);
+    rtr_node* root = nullptr;
+    ASSERT_EQ(rtr_node_create(env_, h, level, RTR_ROOT_ID, &root), 0);
+    root->n_cells = 0;
+    ASSERT_EQ(rtr_phy_insert_node(env_, h, root), 0);
+    rtr_node_destroy(h, root);
+    rtr_mem_destroy(env_, h);
+  }
+
   int64_t count_rows(const char* table = "MDRT$t") {
     std::string sql = std::string("SELECT count(*) FROM \"") + table + "\"";
     sqlite3_stmt* st = nullptr;

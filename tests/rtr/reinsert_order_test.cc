@@ -102,14 +102,7 @@ class ReinsertOrderTest : public zqtest::HostTest, public ::testing::WithParamIn
  protected:
   // A root row at level 1; the handle then gives it one child leaf.
   void start(uint16_t dims) {
-    rtr_mem* h = open_handle(dims);
-    ASSERT_NE(h, nullptr);
-    rtr_node* root = nullptr;
-    ASSERT_EQ(rtr_node_create(env_, h, 1, RTR_ROOT_ID, &root), 0);
-    root->n_cells = 0;
-    ASSERT_EQ(rtr_phy_insert_node(env_, h, root), 0);
-    rtr_node_destroy(h, root);
-    rtr_mem_destroy(env_, h);
+    write_empty_root(dims, 1);
     rtr_ = open_handle(dims);
     ASSERT_NE(rtr_, nullptr);
     ASSERT_EQ(rtr_node_acquire(env_, rtr_, RTR_ROOT_ID, &root_), 0);

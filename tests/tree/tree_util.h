@@ -118,16 +118,7 @@ class TreeTest : public zqtest::HostTest {
   }
 
   // The empty root leaf at node 1, as a new index starts.
-  void create_root(uint16_t dims) {
-    rtr_mem* h = open_handle(dims);
-    ASSERT_NE(h, nullptr);
-    rtr_node* root = nullptr;
-    ASSERT_EQ(rtr_node_create(env_, h, 0, RTR_ROOT_ID, &root), 0);
-    root->n_cells = 0;
-    ASSERT_EQ(rtr_phy_insert_node(env_, h, root), 0);
-    rtr_node_destroy(h, root);
-    rtr_mem_destroy(env_, h);
-  }
+  void create_root(uint16_t dims) { write_empty_root(dims); }
 
   void open(uint16_t dims) {
     ASSERT_EQ(rtr_, nullptr);
