@@ -11,7 +11,7 @@ namespace {
 constexpr const char* kFooter = R"(Settings (also read from the environment):
   --buf-total-mb / ZQRTREE_BUF_TOTAL_MB    node buffer of all handles together, MB
   --buf-handle-mb / ZQRTREE_BUF_HANDLE_MB  node buffer of one handle, MB
-  --sort-mb / ZQRTREE_SORT_MB              bulk-load sorter memory before spilling, MB
+  --sort-mb / ZQRTREE_SORT_MB              memory of a bulk load's sorters together, MB
 Exit status: 0 done, 1 failure (bad input, missing index, engine error), 2 usage.
 
 Example:
@@ -30,7 +30,7 @@ void add_global_options(CLI::App& app, zqtool::Context& ctx) {
       "megabytes of node buffer for one handle");
   app.add_option_function<uint64_t>(
       "--sort-mb", [&ctx](uint64_t v) { ctx.opts.settings.sort_mb = v; },
-      "megabytes the bulk-load sorter keeps in memory before spilling to disk");
+      "megabytes a bulk load's sorters keep in memory together before spilling to disk");
   // Diagnostics for tests, hidden from --help: fail the nth host allocation
   // (ZQRTREE_FAULT_ALLOC_NTH) or the nth engine call inside a node-table
   // mini-transaction (ZQRTREE_FAULT_ENGINE_NTH) of the operation.
