@@ -27,6 +27,14 @@ void unchain(rtr_mem* rtr, rtr_node* node) {
   node->hash_next = nullptr;
 }
 
+// The link in the chain from `head` that points at the node with `id` (the
+// head itself or the hash_next of the node before it), or null.
+rtr_node** link_to(rtr_node** head, int64_t id) {
+  for (rtr_node** link = head; *link != nullptr; link = &(*link)->hash_next)
+    if ((*link)->id == id) return link;
+  return nullptr;
+}
+
 // rtr_node_hash_lookup for the acquire: a node found behind the chain's head
 // moves to the head. Chains are unordered apart from where a new node goes,
 // and insert-built trees give ~13 nodes per bucket, so the nodes a descent
@@ -36,17 +44,15 @@ void unchain(rtr_mem* rtr, rtr_node* node) {
 rtr_node* lookup_to_front(rtr_mem* rtr, int64_t id) {
   if (rtr->n_cached == 0) return nullptr;
   rtr_node** head = bucket_of(rtr, id);
-  rtr_node** link = head;
-  for (rtr_node* node = *link; node != nullptr; link = &node->hash_next, node = *link) {
-    if (node->id != id) continue;
-    if (link != head && id != 0) {
-      *link = node->hash_next;
-      node->hash_next = *head;
-      *head = node;
-    }
-    return node;
+  rtr_node** link = link_to(head, id);
+  if (link == nullptr) return nullptr;
+  rtr_node* node = *link;
+  if (link != head && id != 0) {
+    *link = node->hash_next;
+    node->hash_next = *head;
+    *head = node;
   }
-  return nullptr;
+  return node;
 }
 
 // The least recently used node nobody pins, or null.
@@ -67,10 +73,8 @@ uint32_t rtr_node_hash(int64_t id) {
 rtr_node* rtr_node_hash_lookup(rtr_mem* rtr, int64_t id) {
   // An empty cache answers without its table: a bulk-build handle has none.
   if (rtr->n_cached == 0) return nullptr;
-  for (rtr_node* node = *bucket_of(rtr, id); node != nullptr; node = node->hash_next) {
-    if (node->id == id) return node;
-  }
-  return nullptr;
+  rtr_node** link = link_to(bucket_of(rtr, id), id);
+  return link != nullptr ? *link : nullptr;
 }
 
 void rtr_node_hash_insert(rtr_mem* rtr, rtr_node* node, uint32_t hash_only) {

@@ -29,23 +29,16 @@ struct Hit {
   uint8_t cell_no;     // 0 for a child, the hit cell in a leaf
 };
 
-// Tests the cells of the top point's node from its cell_no on; returns the
-// index of the first match or n_cells. The point's cell_no already names the
-// next cell to test when the compare runs. The tests are the ones
-// rtr_get_rect_cmp_fun hands out, inlined for two axes.
-// The plain window query: leaf and branch tests both reduce to overlap on
-// the two axes. Evaluated without short-circuit so that a node's cells cost
-// no mispredicted branches; an unordered compare is false either way.
-uint32_t scan_overlap(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
+// Tests the cells of the top point's node from its cell_no on with
+// `matches`; returns the index of the first match or n_cells. The point's
+// cell_no already names the next cell to test when the compare runs.
+template <class Matches>
+uint32_t scan_with(rcur_spnt* point, const rtr_node* node, Matches matches) {
   const uint32_t n = node->n_cells;
   uint32_t i = point->cell_no;
   if (i >= n) return n;
-  const rtr_rect& q = cur->rect;
   for (; i < n; ++i) {
-    const rtr_rect& e = node->cells[i].rect;
-    const bool apart =
-        (e.min0 > q.max0) | (q.min0 > e.max0) | (e.min1 > q.max1) | (q.min1 > e.max1);
-    if (!apart) {
+    if (matches(node->cells[i].rect)) {
       point->cell_no = static_cast<uint8_t>(i + 1);
       return i;
     }
@@ -54,23 +47,24 @@ uint32_t scan_overlap(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
   return n;
 }
 
-template <bool kLeaf>
-uint32_t scan_cells(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
-  const uint32_t n = node->n_cells;
+// The tests are the ones rtr_get_rect_cmp_fun hands out, inlined for two
+// axes. For the plain window query leaf and branch tests both reduce to
+// overlap, evaluated without short-circuit so that a node's cells cost no
+// mispredicted branches (an unordered compare is false either way).
+uint32_t scan_node(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
+  const rtr_rect& q = cur->rect;
   const uint32_t op = cur->op;
-  uint32_t i = point->cell_no;
-  if (i >= n) return n;
-  for (; i < n; ++i) {
-    const rtr_rect* e = &node->cells[i].rect;
-    const bool match = kLeaf ? zqrtree::geom::leaf_test<kCursorAxes>(e, &cur->rect, op)
-                             : zqrtree::geom::branch_test<kCursorAxes>(e, &cur->rect, op);
-    if (match) {
-      point->cell_no = static_cast<uint8_t>(i + 1);
-      return i;
-    }
-  }
-  point->cell_no = static_cast<uint8_t>(n);
-  return n;
+  if (op == RTR_OP_INTERSECT)
+    return scan_with(point, node, [&q](const rtr_rect& e) {
+      return !((e.min0 > q.max0) | (q.min0 > e.max0) | (e.min1 > q.max1) | (q.min1 > e.max1));
+    });
+  if (node->level == 0)
+    return scan_with(point, node, [&q, op](const rtr_rect& e) {
+      return zqrtree::geom::leaf_test<kCursorAxes>(&e, &q, op);
+    });
+  return scan_with(point, node, [&q, op](const rtr_rect& e) {
+    return zqrtree::geom::branch_test<kCursorAxes>(&e, &q, op);
+  });
 }
 
 // A node is scanned from its first cell only once per visit; asking for all
@@ -102,9 +96,7 @@ void prefetch_next_child(const rcur* cur, const rtr_node* node, uint32_t from) {
 
 uint32_t scan(const rcur* cur, rcur_spnt* point, const rtr_node* node) {
   if (point->cell_no == 0) prefetch_cells(node);
-  if (cur->op == RTR_OP_INTERSECT) return scan_overlap(cur, point, node);
-  return node->level == 0 ? scan_cells<true>(cur, point, node)
-                          : scan_cells<false>(cur, point, node);
+  return scan_node(cur, point, node);
 }
 
 }  // namespace
