@@ -36,15 +36,7 @@ class CheckTest : public zqtest::HostTest {
   }
 
   using HostTest::exec;
-
-  int64_t one(const std::string& text) {
-    sqlite3_stmt* st = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(zqsess_db(sess_), text.c_str(), -1, &st, nullptr), SQLITE_OK);
-    int64_t v = -1;
-    if (sqlite3_step(st) == SQLITE_ROW) v = sqlite3_column_int64(st, 0);
-    sqlite3_finalize(st);
-    return v;
-  }
+  using HostTest::sql_int;
 
   std::vector<uint8_t> blob(int64_t id) {
     sqlite3_stmt* st = nullptr;
@@ -71,7 +63,7 @@ class CheckTest : public zqtest::HostTest {
   }
 
   int64_t first_leaf() {
-    return one("SELECT rowid FROM \"MDRT$t\" WHERE level = 0 AND rowid <> 1 ORDER BY rowid");
+    return sql_int("SELECT rowid FROM \"MDRT$t\" WHERE level = 0 AND rowid <> 1 ORDER BY rowid");
   }
 
   // Runs `sql` with {leaf} standing for the first leaf; returns the leaf.
@@ -95,13 +87,13 @@ TEST_F(CheckTest, SoundTreePassesWithExactStatistics) {
   ASSERT_TRUE(res.ok) << res.node_id << ": " << res.message;
   EXPECT_EQ(stats.entries, static_cast<uint64_t>(kEntries));
   EXPECT_EQ(stats.nodes, static_cast<uint64_t>(count_rows()));
-  const int64_t root_level = one("SELECT level FROM \"MDRT$t\" WHERE rowid = 1");
+  const int64_t root_level = sql_int("SELECT level FROM \"MDRT$t\" WHERE rowid = 1");
   ASSERT_GE(root_level, 2) << "the fixture should build three levels";
   EXPECT_EQ(stats.height, root_level + 1);
   ASSERT_EQ(stats.nodes_per_level.size(), stats.height);
   for (uint32_t level = 0; level < stats.height; ++level) {
     EXPECT_EQ(static_cast<int64_t>(stats.nodes_per_level[level]),
-              one("SELECT count(*) FROM \"MDRT$t\" WHERE level = " + std::to_string(level)));
+              sql_int("SELECT count(*) FROM \"MDRT$t\" WHERE level = " + std::to_string(level)));
   }
   EXPECT_EQ(stats.nodes_per_level.back(), 1u);
   EXPECT_EQ(stats.cells_per_level[0], static_cast<uint64_t>(kEntries));
@@ -170,7 +162,7 @@ const Damage kDamages[] = {
      [](CheckTest& t) {
        const int64_t leaf = t.first_leaf();
        const int64_t parent =
-           t.one("SELECT parent_id FROM \"MDRT$t\" WHERE rowid = " + std::to_string(leaf));
+           t.sql_int("SELECT parent_id FROM \"MDRT$t\" WHERE rowid = " + std::to_string(leaf));
        t.on_leaf("DELETE FROM \"MDRT$t\" WHERE rowid = {leaf}");
        return parent;
      },
@@ -202,9 +194,9 @@ const Damage kDamages[] = {
        t.set_blob(RTR_ROOT_ID, b);
        // The first row the walk missed, in rowid order, is reported.
        const std::string l = std::to_string(last);
-       return t.one("SELECT min(rowid) FROM \"MDRT$t\" WHERE rowid = " + l +
-                    " OR parent_id = " + l +
-                    " OR parent_id IN (SELECT rowid FROM \"MDRT$t\" WHERE parent_id = " + l + ")");
+       return t.sql_int(
+           "SELECT min(rowid) FROM \"MDRT$t\" WHERE rowid = " + l + " OR parent_id = " + l +
+           " OR parent_id IN (SELECT rowid FROM \"MDRT$t\" WHERE parent_id = " + l + ")");
      },
      "not reachable"},
     {"NodeReachedTwice",

@@ -155,14 +155,18 @@ class HostTest : public ::testing::Test {
     rtr_mem_destroy(env_, h);
   }
 
-  int64_t count_rows(const char* table = "MDRT$t") {
-    std::string sql = std::string("SELECT count(*) FROM \"") + table + "\"";
+  // The first column of the first row of `sql`, or -1 when there is none.
+  int64_t sql_int(const std::string& sql) {
     sqlite3_stmt* st = nullptr;
     EXPECT_EQ(sqlite3_prepare_v2(zqsess_db(sess_), sql.c_str(), -1, &st, nullptr), SQLITE_OK);
     int64_t n = -1;
     if (sqlite3_step(st) == SQLITE_ROW) n = sqlite3_column_int64(st, 0);
     sqlite3_finalize(st);
     return n;
+  }
+
+  int64_t count_rows(const char* table = "MDRT$t") {
+    return sql_int(std::string("SELECT count(*) FROM \"") + table + "\"");
   }
 
   std::vector<Pushed> errors() const { return error_stack(env_); }

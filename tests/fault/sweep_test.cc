@@ -312,15 +312,9 @@ TEST_F(FaultSweep, DeleteWithCondensing) {
   // An entry of the emptiest leaf: removing it underfills the leaf, whose
   // entries are then reinserted and its node removed.
   open(2);
-  sqlite3_stmt* st = nullptr;
-  ASSERT_EQ(sqlite3_prepare_v2(zqsess_db(sess_),
-                               "SELECT rowid FROM \"MDRT$t\" WHERE level = 0 "
-                               "ORDER BY length(cells), rowid LIMIT 1",
-                               -1, &st, nullptr),
-            SQLITE_OK);
-  ASSERT_EQ(sqlite3_step(st), SQLITE_ROW);
-  const int64_t leaf = sqlite3_column_int64(st, 0);
-  sqlite3_finalize(st);
+  const int64_t leaf =
+      sql_int("SELECT rowid FROM \"MDRT$t\" WHERE level = 0 ORDER BY length(cells), rowid LIMIT 1");
+  ASSERT_GT(leaf, 0);
   const rtr_cell victim = peek(leaf)->cells[0];
   discard();
   const int64_t nodes = count_rows();
