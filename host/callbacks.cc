@@ -107,8 +107,10 @@ sqlite3_stmt* update_stmt(Table* t, uint64_t mask, int* rc) {
 
 // Steps a write statement; 0, or the code of its failure (raised inside a
 // ptx unless the insertion was refused).
-int32_t finish_write(Table* t, zq_ptx* ptx, sqlite3_stmt* st, bool insert, const char* func) {
-  int rc = step_once(st);
+int32_t finish_write(Table* t, zq_ptx* ptx, sqlite3_stmt* st, int64_t rowid, bool insert,
+                     const char* func) {
+  int rc = remember_row(t, rowid);
+  if (rc == SQLITE_OK) rc = step_once(st);
   sqlite3_clear_bindings(st);
   zq_env* env = env_of(ptx, t->sess);
   if (rc == SQLITE_DONE) {
@@ -136,7 +138,7 @@ int32_t run_update(Table* t, zq_ptx* ptx, const zq_recdesc* desc, int64_t rowid,
   for (size_t c = 0; c < t->cols.size(); ++c) {
     if ((u.mask >> c & 1) != 0) bind_value(st, idx++, t, static_cast<int>(c), u.vals[c], desc);
   }
-  return finish_write(t, ptx, st, false, func);
+  return finish_write(t, ptx, st, rowid, false, func);
 }
 
 // Adds column `col` with `value` to `u`; false for a column the host cannot
@@ -242,7 +244,7 @@ int32_t zqhost_row_delete(zq_ptx* ptx, zq_session* session, zq_table* table, zq_
                                    "zqhost_row_delete");
     }
     sqlite3_bind_int64(st, 1, rowid);
-    return zqhost::finish_write(t, ptx, st, false, "zqhost_row_delete");
+    return zqhost::finish_write(t, ptx, st, rowid, false, "zqhost_row_delete");
   });
 }
 
@@ -262,7 +264,7 @@ int32_t zqhost_row_insert(zq_ptx* ptx, zq_session* session, zq_table* table, zq_
     for (size_t c = 0; c < t->cols.size() && c < row->n_cols; ++c) {
       zqhost::bind_value(st, static_cast<int>(c) + 2, t, static_cast<int>(c), &row->cols[c], desc);
     }
-    return zqhost::finish_write(t, ptx, st, true, "zqhost_row_insert");
+    return zqhost::finish_write(t, ptx, st, rowid, true, "zqhost_row_insert");
   });
 }
 

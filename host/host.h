@@ -94,13 +94,21 @@ int32_t zqsess_begin(zq_session* session);
 int32_t zqsess_commit(zq_session* session);
 int32_t zqsess_rollback(zq_session* session);
 
+/* Row undo where SQLite gives no savepoint (inside a running statement):
+ * for a tracked table the default row callbacks keep each row's image
+ * before they write it; zqsess_undo_rollback puts the images back, newest
+ * first, down to a mark taken with zqsess_undo_mark. Untracking forgets
+ * them. Call order: track(on) -> (writes, mark, rollback)* -> track(off). */
+int32_t zqsess_undo_track(zq_session* session, const char* schema, const char* table, int on);
+uint64_t zqsess_undo_mark(const zq_session* session, const char* schema, const char* table);
+int32_t zqsess_undo_rollback(zq_session* session, const char* schema, const char* table,
+                             uint64_t mark);
+
 /* Creates the empty node table "MDRT$" + index_name in `schema`, with the
  * columns level, parent_id, cells, the system column and the rowid. */
-int32_t zqsess_create_node_table(zq_session* session, const char* schema,
-                                 const char* index_name);
+int32_t zqsess_create_node_table(zq_session* session, const char* schema, const char* index_name);
 /* The record descriptor of a table's B-tree, so tests can set its flags. */
-zq_recdesc* zqsess_table_recdesc(zq_session* session, const char* schema,
-                                 const char* table_name);
+zq_recdesc* zqsess_table_recdesc(zq_session* session, const char* schema, const char* table_name);
 
 /* ---- default row callbacks (install with rtr_hook_init) ---- */
 
@@ -115,10 +123,10 @@ int32_t zqhost_row_delete(zq_ptx* ptx, zq_session* session, zq_table* table, zq_
 int32_t zqhost_row_insert(zq_ptx* ptx, zq_session* session, zq_table* table, zq_index* index,
                           const zq_recdesc* desc, zq_row* row, zq_key* key, uint16_t row_tag,
                           uint32_t options);
-int32_t zqhost_row_update_fixed(zq_ptx* ptx, zq_session* session, zq_table* table,
-                                zq_index* index, const zq_recdesc* desc, zq_key* key,
-                                zq_fillinfo* new_values, zq_fillinfo* old_values,
-                                uint16_t row_tag, uint64_t dver, nbtr_cur* cur);
+int32_t zqhost_row_update_fixed(zq_ptx* ptx, zq_session* session, zq_table* table, zq_index* index,
+                                const zq_recdesc* desc, zq_key* key, zq_fillinfo* new_values,
+                                zq_fillinfo* old_values, uint16_t row_tag, uint64_t dver,
+                                nbtr_cur* cur);
 int32_t zqhost_row_update_unfixed(zq_ptx* ptx, zq_session* session, zq_table* table,
                                   zq_index* index, const zq_recdesc* desc, zq_key* key,
                                   zq_row* new_row, zq_fillinfo* old_values, uint16_t row_tag,

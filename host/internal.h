@@ -222,9 +222,9 @@ struct Table {
   zq_btr btr2{};  // a spatial temp table's (flag, rowid) index
   zq_recdesc desc{};
 
-  int64_t next_rowid = 0;   // 0: seed from max(rowid) + 1 on first use
+  int64_t next_rowid = 0;     // 0: seed from max(rowid) + 1 on first use
   uint32_t seed_version = 0;  // the file's data version when next_rowid was seeded
-  uint64_t dver = 0;       // data version: bumped by every row change of the host
+  uint64_t dver = 0;          // data version: bumped by every row change of the host
 
   std::vector<sqlite3_stmt*> idle[kStmtKinds];  // seek statements no cursor holds
   std::vector<sqlite3_stmt*> owned;             // every statement prepared for the table
@@ -339,6 +339,26 @@ struct zq_scope {
   sqlite3_stmt* columns = nullptr;  // pragma_table_info
 };
 
+namespace zqhost {
+// One tracked table's row images, oldest first (undo.cc).
+struct UndoRow {
+  int64_t rowid;
+  bool existed;                      // false: the write made the row; undo deletes it
+  std::vector<sqlite3_value*> vals;  // the old row's columns, owned
+};
+struct UndoLog {
+  ~UndoLog();
+  std::vector<UndoRow> rows;
+  int n_cols = 0;
+  sqlite3_stmt* read = nullptr;     // the row's columns by rowid
+  sqlite3_stmt* restore = nullptr;  // INSERT OR REPLACE of an old image
+  sqlite3_stmt* remove = nullptr;   // DELETE of a row the writes made
+};
+// Keeps the image of the row at `rowid` before a default callback writes it,
+// when the session tracks the table; SQLITE_OK or SQLite's failure.
+int remember_row(Table* t, int64_t rowid);
+}  // namespace zqhost
+
 struct zq_session {
   zq_env* env = nullptr;
   sqlite3* db = nullptr;
@@ -365,6 +385,9 @@ struct zq_session {
 
   std::vector<std::unique_ptr<zqhost::CurState>> states;
   std::vector<zqhost::CurState*> free_states;
+
+  std::map<std::string, std::unique_ptr<zqhost::UndoLog>>
+      undo;  // tracked tables, by schema '\0' name
 };
 
 namespace zqhost {

@@ -149,6 +149,7 @@ void zqsess_close(zq_session* s) {
   sqlite3_finalize(s->sp_begin);
   sqlite3_finalize(s->sp_release);
   sqlite3_finalize(s->sp_rollback);
+  s->undo.clear();
   if (s->sort_pool != nullptr) zqhost_sort_pool_free(s->sort_pool);
   if (s->owns_db) sqlite3_close_v2(s->db);
   auto& list = env->sessions;
