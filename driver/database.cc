@@ -101,8 +101,40 @@ Status Database::wrap(sqlite3* sqlite, std::unique_ptr<Database>* out) {
 }
 
 Database::~Database() {
+  for (auto& [sql, st] : statements_) sqlite3_finalize(st);
   if (session_ != nullptr) zqsess_close(session_);
   if (env_ != nullptr) zqenv_destroy(env_);
+}
+
+sqlite3_stmt* Database::statement(const std::string& sql, int* rc) {
+  auto it = statements_.find(sql);
+  if (it != statements_.end()) {
+    *rc = SQLITE_OK;
+    return it->second;
+  }
+  sqlite3_stmt* st = nullptr;
+  *rc = sqlite3_prepare_v3(db(), sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &st, nullptr);
+  if (*rc != SQLITE_OK) {
+    sqlite3_finalize(st);
+    return nullptr;
+  }
+  statements_.emplace(sql, st);
+  return st;
+}
+
+Status Database::begin() {
+  zqenv_err_clear(env_);
+  const int32_t rc = zqsess_begin(session_);
+  return rc < 0 ? detail::engine_failure(*this, rc, "starting a transaction") : Status::ok();
+}
+
+Status Database::commit() {
+  const int32_t rc = zqsess_commit(session_);
+  return rc < 0 ? detail::engine_failure(*this, rc, "committing the transaction") : Status::ok();
+}
+
+void Database::rollback() {
+  zqsess_rollback(session_);
 }
 
 sqlite3* Database::db() const {
@@ -181,10 +213,16 @@ Status engine_failure(const Database& db, int32_t code, std::string_view what) {
 
 UserOp::UserOp(Database& db) : db_(db) {
   zqenv_err_clear(db.env());
+  // Inside a transaction of the program's own the operation is a savepoint:
+  // its failure takes back its own work and nothing the program did before.
   if (sqlite3_get_autocommit(db.db()) == 0) {
-    begun_ = Status::io(
-        "the connection is already inside a transaction; each index operation is a "
-        "transaction of its own, so run it outside BEGIN ... COMMIT");
+    if (Status s = exec(db.db(), "SAVEPOINT zq_user_op", "starting the operation's savepoint");
+        !s) {
+      begun_ = s;
+      return;
+    }
+    nested_ = true;
+    open_ = true;
     return;
   }
   const int32_t rc = zqsess_begin(db.session());
@@ -196,12 +234,23 @@ UserOp::UserOp(Database& db) : db_(db) {
 }
 
 UserOp::~UserOp() {
+  if (!open_) return;
+  if (nested_) {
+    exec(db_.db(), "ROLLBACK TO zq_user_op; RELEASE zq_user_op", "");
+    return;
+  }
   // A rollback also drops the host's cached state, so no stale row counter
   // or dictionary object outlives the failed operation.
-  if (open_) zqsess_rollback(db_.session());
+  zqsess_rollback(db_.session());
 }
 
 Status UserOp::commit() {
+  if (nested_) {
+    if (Status s = exec(db_.db(), "RELEASE zq_user_op", "ending the operation's savepoint"); !s)
+      return s;
+    open_ = false;
+    return Status::ok();
+  }
   const int32_t rc = zqsess_commit(db_.session());
   if (rc < 0) return engine_failure(db_, rc, "committing the transaction");
   open_ = false;

@@ -189,8 +189,8 @@ namespace detail {
 
 Status read_base_box(const Index& index, int64_t id, Box* box, bool* found) {
   sqlite3* db = index.database()->db();
-  Stmt st(db, "SELECT " + box_columns(index.dims()) + " FROM " +
-                  qualified(index.schema(), index.base_table()) + " WHERE id = ?1");
+  Stmt st(*index.database(), "SELECT " + box_columns(index.dims()) + " FROM " +
+                                 qualified(index.schema(), index.base_table()) + " WHERE id = ?1");
   if (!st.ok()) return sql_failure(db, "reading " + index.base_table());
   st.bind(1, id);
   const int rc = st.step();

@@ -34,6 +34,7 @@
 #include <stdint.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -142,6 +143,14 @@ class Database {
   Database& operator=(const Database&) = delete;
 
   void apply(const Settings& settings);
+
+  // A transaction of the program's own around many operations: each
+  // operation inside it is still all or nothing (a savepoint), and nothing is
+  // durable before commit(); rollback() takes back every operation since
+  // begin(). Without begin() every operation commits by itself.
+  Status begin();
+  Status commit();
+  void rollback();
   // Test-only diagnostics (0 switches them off). The nth host allocation
   // from now fails; the library uses a few allocations untested on purpose
   // (its handle, node hash and node buffers), so a failure landing on one of
@@ -156,6 +165,12 @@ class Database {
   sqlite3* db() const;
   const std::string& path() const { return path_; }
 
+  // A statement prepared once per Database and kept until it closes, reset
+  // and unbound; null with *rc set when SQLite refuses the text. For point
+  // reads and writes repeated per row: a caller must be done with it (reset)
+  // before the next caller asks for the same text.
+  sqlite3_stmt* statement(const std::string& sql, int* rc);
+
   // Names and dimension counts of every index in `schema`'s catalog.
   Status list(std::vector<std::pair<std::string, int>>* out, const std::string& schema = "main");
   // Bytes of the database file (page count times page size).
@@ -166,6 +181,7 @@ class Database {
   zq_env* env_ = nullptr;
   zq_session* session_ = nullptr;
   std::string path_;
+  std::map<std::string, sqlite3_stmt*> statements_;
 };
 
 struct LoadOptions {
@@ -276,6 +292,9 @@ class Scan {
   Scan& operator=(const Scan&) = delete;
 
   Status open(uint32_t op, const Box& query);
+  // The same on a handle the caller keeps (writing or reading mode), which
+  // close() leaves alone: an engine's handle kept across statements.
+  Status open(uint32_t op, const Box& query, rtr_mem* borrowed);
   bool at_end() const { return at_end_; }
   Status next();
   const Entry& entry() const { return entry_; }  // valid while !at_end()
@@ -283,8 +302,10 @@ class Scan {
 
  private:
   Status settle();  // advance until a hit passes the full-dimension recheck
+  Status start(uint32_t op, const Box& query);
   const Index* index_;
   rtr_mem* rtr_ = nullptr;
+  bool owned_ = true;
   struct CursorBox;
   std::unique_ptr<CursorBox> cur_;
   uint32_t op_ = 0;

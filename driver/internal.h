@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "driver/index.h"
+#include "driver/stmt.h"
 #include "host/host.h"
 #include "zqrtree/errors.h"
 #include "zqrtree/mem.h"
@@ -23,28 +24,7 @@ std::string quote_ident(std::string_view ident);
 // schema.table, both quoted.
 std::string qualified(const std::string& schema, const std::string& table);
 
-// A prepared statement, finalized on every path.
-class Stmt {
- public:
-  Stmt(sqlite3* db, const std::string& sql);
-  ~Stmt();
-  Stmt(const Stmt&) = delete;
-  Stmt& operator=(const Stmt&) = delete;
-
-  bool ok() const { return rc_ == SQLITE_OK; }
-  sqlite3_stmt* get() const { return st_; }
-  Stmt& bind(int i, int64_t v);
-  Stmt& bind(int i, double v);
-  Stmt& bind(int i, const std::string& v);
-  int step();  // SQLITE_ROW, SQLITE_DONE or an error code
-  void reset();
-  int64_t int64(int col) const { return sqlite3_column_int64(st_, col); }
-  double real(int col) const { return sqlite3_column_double(st_, col); }
-
- private:
-  sqlite3_stmt* st_ = nullptr;
-  int rc_ = SQLITE_OK;
-};
+using zq::Stmt;
 
 // A SQLite failure as a Status: "what: message".
 Status sql_failure(sqlite3* db, std::string_view what);
@@ -57,7 +37,8 @@ bool table_exists(sqlite3* db, const std::string& schema, const std::string& tab
 Status engine_failure(const Database& db, int32_t code, std::string_view what);
 
 // One user operation: zqsess_begin now, zqsess_rollback in the destructor
-// unless commit() succeeded. The error stack starts empty so a failure's
+// unless commit() succeeded; inside a transaction the program opened, a
+// savepoint instead. The error stack starts empty so a failure's
 // trace holds this operation's pushes only.
 class UserOp {
  public:
@@ -73,6 +54,7 @@ class UserOp {
   Database& db_;
   Status begun_;
   bool open_ = false;
+  bool nested_ = false;  // a savepoint inside the program's own transaction
 };
 
 // A library handle for one operation: destroyed on every path. Destroying

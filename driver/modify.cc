@@ -51,7 +51,7 @@ Status Index::insert(std::span<const Entry> entries, const Progress& progress) {
   if (!op.begun()) return op.begun();
   detail::Handle handle(*this, detail::Handle::Mode::kWrite);
   if (!handle.created()) return handle.created();
-  detail::Stmt ins(db_->db(), detail::insert_base_sql(*this));
+  detail::Stmt ins(*db_, detail::insert_base_sql(*this));
   if (!ins.ok()) return detail::sql_failure(db_->db(), "preparing " + base_table());
   for (size_t i = 0; i < entries.size(); ++i) {
     const Entry& e = entries[i];
@@ -89,7 +89,7 @@ Status Index::remove(int64_t id) {
   const rtr_rect rect = to_rect(stored);
   const int32_t rc = rtr_delete_by_rowid(db_->env(), handle.get(), id, &rect);
   if (rc < 0) return detail::engine_failure(*db_, rc, "deleting rowid " + std::to_string(id));
-  detail::Stmt del(db_->db(),
+  detail::Stmt del(*db_,
                    "DELETE FROM " + detail::qualified(schema_, base_table()) + " WHERE id = ?1");
   if (!del.ok()) return detail::sql_failure(db_->db(), "preparing " + base_table());
   del.bind(1, id);

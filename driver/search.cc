@@ -19,7 +19,7 @@ Scan::~Scan() {
 }
 
 void Scan::close() {
-  if (rtr_ != nullptr) rtr_mem_destroy(index_->database()->env(), rtr_);
+  if (rtr_ != nullptr && owned_) rtr_mem_destroy(index_->database()->env(), rtr_);
   rtr_ = nullptr;
   at_end_ = true;
 }
@@ -35,6 +35,22 @@ Status Scan::open(uint32_t op, const Box& query) {
     if (!handle.created()) return handle.created();
     rtr_ = handle.release();  // the scan owns it from here until close()
   }
+  owned_ = true;
+  return start(op, query);
+}
+
+Status Scan::open(uint32_t op, const Box& query, rtr_mem* borrowed) {
+  close();
+  if (std::string p = box_problem(query, index_->dims()); !p.empty())
+    return Status::invalid("search box: " + p);
+  zqenv_err_clear(index_->database()->env());
+  rtr_ = borrowed;
+  owned_ = false;
+  return start(op, query);
+}
+
+Status Scan::start(uint32_t op, const Box& query) {
+  Database& db = *index_->database();
   op_ = op;
   query_ = query;
   rcur_init(&cur_->cur, rtr_, op);

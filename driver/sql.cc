@@ -6,27 +6,23 @@
 
 #include "driver/internal.h"
 
-namespace zq::detail {
-
-std::string quote_ident(std::string_view ident) {
-  std::string out = "\"";
-  for (char c : ident) {
-    if (c == '"') out += '"';
-    out += c;
-  }
-  return out + "\"";
-}
-
-std::string qualified(const std::string& schema, const std::string& table) {
-  return quote_ident(schema) + "." + quote_ident(table);
-}
+namespace zq {
 
 Stmt::Stmt(sqlite3* db, const std::string& sql) {
   rc_ = sqlite3_prepare_v2(db, sql.c_str(), -1, &st_, nullptr);
 }
 
+Stmt::Stmt(Database& db, const std::string& sql) : kept_(true) {
+  st_ = db.statement(sql, &rc_);
+}
+
 Stmt::~Stmt() {
-  sqlite3_finalize(st_);
+  if (!kept_) {
+    sqlite3_finalize(st_);
+  } else if (st_ != nullptr) {
+    sqlite3_reset(st_);
+    sqlite3_clear_bindings(st_);
+  }
 }
 
 Stmt& Stmt::bind(int i, int64_t v) {
@@ -54,6 +50,23 @@ int Stmt::step() {
 void Stmt::reset() {
   sqlite3_reset(st_);
   sqlite3_clear_bindings(st_);
+}
+
+}  // namespace zq
+
+namespace zq::detail {
+
+std::string quote_ident(std::string_view ident) {
+  std::string out = "\"";
+  for (char c : ident) {
+    if (c == '"') out += '"';
+    out += c;
+  }
+  return out + "\"";
+}
+
+std::string qualified(const std::string& schema, const std::string& table) {
+  return quote_ident(schema) + "." + quote_ident(table);
 }
 
 Status sql_failure(sqlite3* db, std::string_view what) {
