@@ -6,6 +6,7 @@
 // (every hit rechecked on all axes); in deferred mode they skip hits whose
 // rowid has a pending change and then add the matching pending inserts.
 // Phases in order: kBase, or kTree then kPending; kDone at the end.
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <memory>
@@ -21,11 +22,29 @@ struct Cursor : sqlite3_vtab_cursor {
   enum class Phase { kBase, kTree, kPending, kDone };
 
   explicit Cursor(Table* t) : table(t) {}
-  ~Cursor() { sqlite3_value_free(op_arg); }
+  ~Cursor() {
+    give_back_base();
+    sqlite3_value_free(op_arg);
+  }
+  // A base-table read goes back to the table for the next scan: preparing
+  // it costs more than a point read itself.
+  void give_back_base() {
+    sqlite3_stmt* st = base.release();
+    if (st == nullptr) return;
+    sqlite3_reset(st);
+    sqlite3_clear_bindings(st);
+    if (table->idle_reads.size() < kIdleReads)
+      table->idle_reads.emplace_back(base_sql, st);
+    else
+      sqlite3_finalize(st);
+  }
+  static constexpr size_t kIdleReads = 4;
 
   Table* table;
   Phase phase = Phase::kDone;
   Stmt base;
+  std::string base_sql;
+  HandleRef handle;  // the kept handle the scan reads through
   std::unique_ptr<zq::Scan> scan;
   std::unique_ptr<PendingScan> pending;
   zq::Entry entry;
@@ -34,6 +53,10 @@ struct Cursor : sqlite3_vtab_cursor {
   sqlite3_value* op_arg = nullptr;  // a table-valued search's operator, as given
   bool has_args = false;
   bool merge = false;  // deferred changes wait: skip stale hits, add pending inserts
+  // Exact sides whose bounds crossed over: the search box no longer says
+  // them, so each hit is held against them (max >= min side, min <= max side).
+  bool crossed = false;
+  zq::Box exact_bounds;
 };
 
 Cursor* cursor_of(sqlite3_vtab_cursor* cur) {
@@ -80,9 +103,16 @@ int step_base(Cursor* c) {
 int start_base(Cursor* c, const Plan& plan, sqlite3_value** argv) {
   const std::string sql =
       base_select(*c->table) + (plan.kind == Plan::kRowid ? " WHERE id = ?1" : " ORDER BY id");
-  if (c->base.prepare(c->table->conn->db, sql) != SQLITE_OK)
+  auto& idle = c->table->idle_reads;
+  auto kept = std::find_if(idle.begin(), idle.end(), [&](const auto& p) { return p.first == sql; });
+  c->base_sql = sql;
+  if (kept != idle.end()) {
+    c->base.adopt(kept->second);
+    idle.erase(kept);
+  } else if (c->base.prepare(c->table->conn->db, sql) != SQLITE_OK) {
     return cursor_fail(
         c, std::string("reading the base table: ") + sqlite3_errmsg(c->table->conn->db));
+  }
   if (plan.kind == Plan::kRowid) {
     // Only an integral number within int64 can equal a rowid. An integer is
     // taken as it is: through a double the largest rowids would round away.
@@ -120,28 +150,53 @@ int read_query_args(Cursor* c, sqlite3_value** argv) {
 
 // The INTERSECT box implied by the range constraints: open sides at the
 // extremes of the doubles, which every stored (finite) coordinate lies within.
-void read_range_args(Cursor* c, const Plan& plan, sqlite3_value** argv) {
+// False when an exact side admits no row at all.
+bool read_range_args(Cursor* c, const Plan& plan, sqlite3_value** argv) {
   c->op = RTR_OP_INTERSECT;
   const int dims = c->table->dims();
   for (int k = 0; k < dims; ++k) {
     c->query.min[k] = -DBL_MAX;
     c->query.max[k] = DBL_MAX;
   }
+  c->exact_bounds = c->query;
+  c->crossed = false;
   int arg = 0;
   for (int bit = 0; bit < 2 * dims; ++bit) {
     if ((plan.slots & (1u << bit)) == 0) continue;
+    sqlite3_value* value = argv[arg++];
+    const bool lower = bit % 2 == 0;
     double v = 0;
-    // Text or NULL bounds nothing the tree can use; SQLite judges those rows.
-    if (!numeric(argv[arg++], &v)) continue;
+    if (!numeric(value, &v)) {
+      // SQLite judges the rows of an inexact side. An exact one is judged
+      // here as SQLite would: NULL matches nothing, and every number sorts
+      // below text and blobs, so `max >= 'x'` holds for no row and
+      // `min <= 'x'` for every row.
+      if ((plan.exact & (1u << bit)) == 0) continue;
+      if (sqlite3_value_type(value) == SQLITE_NULL || lower) return false;
+      continue;
+    }
+    // Beyond the largest double only an exact side can rule every row out.
+    if ((plan.exact & (1u << bit)) != 0 && (lower ? v > DBL_MAX : v < -DBL_MAX)) return false;
     v = std::fmax(-DBL_MAX, std::fmin(DBL_MAX, v));
     set_side(&c->query, bit, v);
+    if ((plan.exact & (1u << bit)) != 0) set_side(&c->exact_bounds, bit, v);
   }
   for (int k = 0; k < dims; ++k) {
     if ((plan.eq_copies & (1u << k)) != 0) c->query.max[k] = c->query.min[k];
     // Bounds crossing over still admit entries that span the gap between them,
     // and every such entry meets the box the two bounds enclose.
-    if (c->query.min[k] > c->query.max[k]) std::swap(c->query.min[k], c->query.max[k]);
+    if (c->query.min[k] > c->query.max[k]) {
+      std::swap(c->query.min[k], c->query.max[k]);
+      c->crossed = c->crossed || (plan.exact & (3u << (2 * k))) != 0;
+    }
   }
+  return true;
+}
+
+bool within_exact(const Cursor& c, const zq::Entry& e) {
+  for (int k = 0; k < c.table->dims(); ++k)
+    if (e.box.max[k] < c.exact_bounds.min[k] || e.box.min[k] > c.exact_bounds.max[k]) return false;
+  return true;
 }
 
 int settle(Cursor* c) {
@@ -157,6 +212,10 @@ int settle(Cursor* c) {
       }
       break;
     }
+    if (c->crossed && !within_exact(*c, c->scan->entry())) {
+      if (zq::Status s = c->scan->next(); !s) return cursor_fail(c, s.message());
+      continue;
+    }
     if (c->merge) {
       zq::Status s;
       const int stale = pending_deleted(t, c->scan->entry().id, &s);
@@ -169,11 +228,13 @@ int settle(Cursor* c) {
     c->entry = c->scan->entry();
     return SQLITE_OK;
   }
-  if (c->phase == Cursor::Phase::kPending) {
+  while (c->phase == Cursor::Phase::kPending) {
     zq::Status s;
     if (!c->pending->next(&c->entry, &s)) {
       if (!s) return cursor_fail(c, s.message());
       c->phase = Cursor::Phase::kDone;
+    } else if (!c->crossed || within_exact(*c, c->entry)) {
+      break;
     }
   }
   return SQLITE_OK;
@@ -184,8 +245,13 @@ int start_tree(Cursor* c) {
   c->merge = t->deferred() && has_pending(*t);
   if (c->merge)
     if (zq::Status s = ensure_pending(t); !s) return cursor_fail(c, s.message());
+  // Inside a write transaction the tree is the one its handle holds;
+  // outside, the connection's kept reading handle serves every search.
+  zq::Status s;
+  c->handle = t->txn.active() ? t->txn.handle(&s) : t->reader.get(&s);
+  if (!s) return cursor_fail(c, s.message());
   c->scan = std::make_unique<zq::Scan>(t->index);
-  if (zq::Status s = c->scan->open(c->op, c->query); !s) return cursor_fail(c, s.message());
+  if (s = c->scan->open(c->op, c->query, c->handle.get()); !s) return cursor_fail(c, s.message());
   c->phase = Cursor::Phase::kTree;
   return settle(c);
 }
@@ -206,8 +272,9 @@ int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_va
   Cursor* c = cursor_of(cur);
   Table* t = c->table;
   c->scan.reset();
+  c->handle.reset();
   c->pending.reset();
-  c->base.prepare(nullptr, "");
+  c->give_back_base();
   sqlite3_value_free(c->op_arg);
   c->op_arg = nullptr;
   c->has_args = false;
@@ -223,7 +290,10 @@ int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_va
       if (int rc = read_query_args(c, argv); rc != SQLITE_OK) return rc;
       return start_tree(c);
     case Plan::kRange:
-      read_range_args(c, plan, argv);
+      if (!read_range_args(c, plan, argv)) {
+        c->phase = Cursor::Phase::kDone;
+        return SQLITE_OK;
+      }
       return start_tree(c);
   }
   return cursor_fail(c, "unknown plan " + std::to_string(idx_num));

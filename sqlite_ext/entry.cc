@@ -25,10 +25,11 @@ int x_begin(sqlite3_vtab*) {
   return SQLITE_OK;
 }
 
-// xBegin must be there for SQLite to call xSync, which applies deferred
-// changes. Everything a transaction touches lives in SQL tables and commits
-// or rolls back with them; the rollbacks only tell a deferred table that its
-// host table of pending changes may have been rolled away.
+// xBegin must be there for SQLite to call xSync, which writes the
+// transaction's tree changes back (or applies deferred ones). The base table
+// and the node table commit or roll back with SQLite; the savepoint and
+// rollback methods keep each table's TreeTxn in step with them, and tell a
+// deferred table that its host table of pending changes may have gone.
 const sqlite3_module kModule = {
     .iVersion = 3,
     .xCreate = x_create,
@@ -50,8 +51,8 @@ const sqlite3_module kModule = {
     .xRollback = x_rollback,
     .xFindFunction = nullptr,
     .xRename = x_rename,
-    .xSavepoint = nullptr,
-    .xRelease = nullptr,
+    .xSavepoint = x_savepoint,
+    .xRelease = x_release,
     .xRollbackTo = x_rollback_to,
     .xShadowName = x_shadow_name,
 };
@@ -102,6 +103,8 @@ std::string Conn::open() {
 
 void Conn::close_if_idle() {
   if (!tables.empty()) return;
+  for (auto& [schema, st] : version_queries) sqlite3_finalize(st);
+  version_queries.clear();
   database_.reset();
   data_versions.clear();
 }
@@ -109,16 +112,29 @@ void Conn::close_if_idle() {
 std::string Conn::refresh() {
   bool changed = false;
   for (const auto& [key, t] : tables) {
-    Stmt st(db, "PRAGMA " + quote(t->schema) + ".data_version");
-    if (!st.ok() || st.step() != SQLITE_ROW) return sqlite3_errmsg(db);
-    auto [it, fresh] = data_versions.try_emplace(lower(t->schema), st.int64(0));
-    if (!fresh && it->second != st.int64(0)) changed = true;
-    it->second = st.int64(0);
+    const std::string schema = lower(t->schema);
+    sqlite3_stmt*& st = version_queries[schema];
+    if (st == nullptr &&
+        sqlite3_prepare_v2(db, ("PRAGMA " + quote(t->schema) + ".data_version").c_str(), -1, &st,
+                           nullptr) != SQLITE_OK)
+      return sqlite3_errmsg(db);
+    const int rc = sqlite3_step(st);
+    const int64_t version = sqlite3_column_int64(st, 0);
+    sqlite3_reset(st);
+    if (rc != SQLITE_ROW) return sqlite3_errmsg(db);
+    auto [it, fresh] = data_versions.try_emplace(schema, version);
+    if (!fresh && it->second != version) changed = true;
+    it->second = version;
   }
   if (!changed) return "";
   // No write of ours is open (another connection just committed), so the
-  // host's pending-change tables are empty and may go with the session.
-  for (const auto& [key, t] : tables) t->pending = nullptr;
+  // host's pending-change tables are empty and may go with the session, and
+  // so may every kept handle.
+  for (const auto& [key, t] : tables) {
+    t->pending = nullptr;
+    t->txn.discard();
+    t->reader.drop();
+  }
   database_.reset();
   if (std::string err = open(); !err.empty()) return err;
   for (const auto& [key, t] : tables)

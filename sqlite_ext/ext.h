@@ -24,6 +24,7 @@
 #include "host/host.h"
 #include "sqlite_ext/journal.h"
 #include "sqlite_ext/sql.h"
+#include "sqlite_ext/tree_txn.h"
 
 namespace zqext {
 
@@ -50,10 +51,11 @@ struct Conn {
 
   sqlite3* db;
   Journal journal;
-  std::map<std::string, Table*> tables;          // by lower-case "schema.name"
-  std::set<std::string> deferred;                // keys of the tables in deferred mode
-  uint32_t next_pending_id = 1;                  // ids of the host's pending-change tables
-  std::map<std::string, int64_t> data_versions;  // PRAGMA data_version last seen, by schema
+  std::map<std::string, Table*> tables;                  // by lower-case "schema.name"
+  std::set<std::string> deferred;                        // keys of the tables in deferred mode
+  uint32_t next_pending_id = 1;                          // ids of the host's pending-change tables
+  std::map<std::string, int64_t> data_versions;          // PRAGMA data_version last seen, by schema
+  std::map<std::string, sqlite3_stmt*> version_queries;  // PRAGMA data_version, by schema
 
  private:
   std::unique_ptr<zq::Database> database_;
@@ -68,6 +70,10 @@ struct Table : sqlite3_vtab {
   zq_tmptab* pending = nullptr;      // the host's table of pending changes, once needed
   bool pending_made_in_txn = false;  // made inside the open transaction
   bool pending_stale = false;        // a rollback took that transaction's DDL away
+  // Base-table reads of finished scans, prepared and kept for the next scan.
+  std::vector<std::pair<std::string, sqlite3_stmt*>> idle_reads;
+  TreeTxn txn{&index};        // the open transaction's changes to the tree
+  ReadHandle reader{&index};  // searches outside a write transaction
 
   bool deferred() const { return conn->deferred.count(key()) != 0; }
 
@@ -115,6 +121,7 @@ struct Plan {
   Kind kind = kScan;
   uint32_t slots = 0;      // kRange: bit 2k bounds axis k from below, 2k+1 from above
   uint32_t eq_copies = 0;  // kRange: bit k copies axis k's lower bound into its upper
+  uint32_t exact = 0;      // kRange: the sides whose constraint SQLite leaves to us
 };
 Plan decode_plan(int idx_num);
 // The operator of a table-valued search: an integer of operator bits, or names
@@ -189,6 +196,8 @@ int x_sync(sqlite3_vtab* vtab);
 int x_commit(sqlite3_vtab* vtab);
 int x_rollback(sqlite3_vtab* vtab);
 int x_rollback_to(sqlite3_vtab* vtab, int savepoint);
+int x_savepoint(sqlite3_vtab* vtab, int savepoint);
+int x_release(sqlite3_vtab* vtab, int savepoint);
 
 // ---- functions.cc: SQL functions ----
 

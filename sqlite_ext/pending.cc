@@ -314,7 +314,9 @@ void PendingScan::close() {
 }
 
 int x_commit(sqlite3_vtab* vtab) {
-  static_cast<Table*>(vtab)->pending_made_in_txn = false;
+  Table* t = static_cast<Table*>(vtab);
+  t->pending_made_in_txn = false;
+  t->txn.discard();  // flushed by xSync; nothing is left unless it was never called
   return SQLITE_OK;
 }
 
@@ -324,20 +326,35 @@ int x_rollback(sqlite3_vtab* vtab) {
   Table* t = static_cast<Table*>(vtab);
   if (t->pending != nullptr && t->pending_made_in_txn) t->pending_stale = true;
   t->pending_made_in_txn = false;
+  t->txn.discard();
   return SQLITE_OK;
 }
 
-int x_rollback_to(sqlite3_vtab* vtab, int) {
+int x_savepoint(sqlite3_vtab* vtab, int savepoint) {
+  static_cast<Table*>(vtab)->txn.savepoint(savepoint);
+  return SQLITE_OK;
+}
+
+int x_release(sqlite3_vtab* vtab, int savepoint) {
+  static_cast<Table*>(vtab)->txn.release(savepoint);
+  return SQLITE_OK;
+}
+
+int x_rollback_to(sqlite3_vtab* vtab, int savepoint) {
   Table* t = static_cast<Table*>(vtab);
   if (t->pending != nullptr && t->pending_made_in_txn) t->pending_stale = true;
+  if (zq::Status s = t->txn.rollback_to(savepoint); !s)
+    return fail(vtab, failure(*t, "rolling back to a savepoint: " + s.message()));
   return SQLITE_OK;
 }
 
 int x_sync(sqlite3_vtab* vtab) {
   Table* t = static_cast<Table*>(vtab);
+  // A failed xSync makes SQLite roll the whole transaction back, so neither
+  // the write-back nor the commit-time apply needs a journal of its own.
+  if (zq::Status s = t->txn.flush(); !s)
+    return fail(vtab, failure(*t, "writing the tree's changes at commit: " + s.message()));
   uint64_t applied = 0;
-  // A failed xSync makes SQLite roll the whole transaction back, so the
-  // commit-time apply needs no journal of its own.
   if (zq::Status s = apply_pending(t, &applied, false); !s)
     return fail(vtab, failure(*t, "applying the pending changes at commit: " + s.message()));
   return SQLITE_OK;

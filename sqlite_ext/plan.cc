@@ -7,12 +7,15 @@
 //   kRowid  rowid = ? or id = ?: one base-table row
 //   kRange  comparisons on coordinate columns: an INTERSECT search whose box
 //           has each side bounded by one constraint (open sides at the
-//           extremes of the doubles); SQLite still tests every constraint
+//           extremes of the doubles). The search answers `max_k >= v` and
+//           `min_k <= v` exactly, so SQLite is told to skip those; it still
+//           tests every other constraint on the rows found
 //   kScan   the whole base table in rowid order
 //
 // idxNum: bits 0-3 the plan, bits 4-9 the bounded sides of a kRange box (bit
 // 2k: axis k from below, 2k+1: from above; one argument each, in bit order),
-// bits 10-12 the axes whose equality constraint bounds both sides.
+// bits 10-12 the axes whose equality constraint bounds both sides, bits
+// 13-18 the sides (numbered as bits 4-9) whose constraint SQLite skips.
 #include <algorithm>
 #include <string>
 #include <utility>
@@ -107,7 +110,7 @@ bool plan_rowid(sqlite3_index_info* info) {
 }
 
 bool plan_range(Table* t, sqlite3_index_info* info) {
-  uint32_t slots = 0, copies = 0;
+  uint32_t slots = 0, copies = 0, exact = 0;
   std::vector<std::pair<int, int>> args;  // (side bit, constraint)
   for (int i = 0; i < info->nConstraint; ++i) {
     const auto& c = info->aConstraint[i];
@@ -117,20 +120,30 @@ bool plan_range(Table* t, sqlite3_index_info* info) {
     const uint32_t taken = slots | ((copies & (1u << axis)) != 0 ? above : 0u);
     // Any bound on an entry's min or max bounds its other side too (min <= max),
     // so each constraint bounds the search box from its side; SQLite rechecks.
+    const bool on_max = (c.iColumn - 1) % 2 == 1;
     if (is_lower_bound(c.op) && (taken & below) == 0) {
       slots |= below;
       args.emplace_back(2 * axis, i);
       if (c.op == SQLITE_INDEX_CONSTRAINT_EQ && (taken & above) == 0) copies |= 1u << axis;
+      // max >= v is the intersect test's own lower side, touching included.
+      if (c.op == SQLITE_INDEX_CONSTRAINT_GE && on_max) exact |= below;
     } else if (is_upper_bound(c.op) && (taken & above) == 0) {
       slots |= above;
       args.emplace_back(2 * axis + 1, i);
+      if (c.op == SQLITE_INDEX_CONSTRAINT_LE && !on_max) exact |= above;
     }
   }
   if (args.empty()) return false;
   std::sort(args.begin(), args.end());
-  for (size_t j = 0; j < args.size(); ++j)
+  // An equality copied to the other side makes that side no longer exact.
+  for (int k = 0; k < t->dims(); ++k)
+    if ((copies & (1u << k)) != 0) exact &= ~(3u << (2 * k));
+  for (size_t j = 0; j < args.size(); ++j) {
     info->aConstraintUsage[args[j].second].argvIndex = static_cast<int>(j + 1);
-  info->idxNum = Plan::kRange | static_cast<int>(slots << 4) | static_cast<int>(copies << 10);
+    info->aConstraintUsage[args[j].second].omit = (exact >> args[j].first & 1u) != 0 ? 1 : 0;
+  }
+  info->idxNum = Plan::kRange | static_cast<int>(slots << 4) | static_cast<int>(copies << 10) |
+                 static_cast<int>(exact << 13);
   set_idx_str(info, "INTERSECT");
   const double rows = std::max(1.0, kScanRows / static_cast<double>(1u << (2 * args.size())));
   info->estimatedRows = static_cast<sqlite3_int64>(rows);
@@ -163,6 +176,7 @@ Plan decode_plan(int idx_num) {
   p.kind = static_cast<Plan::Kind>(idx_num & 0xF);
   p.slots = static_cast<uint32_t>(idx_num >> 4) & 0x3Fu;
   p.eq_copies = static_cast<uint32_t>(idx_num >> 10) & 0x7u;
+  p.exact = static_cast<uint32_t>(idx_num >> 13) & 0x3Fu;
   return p;
 }
 

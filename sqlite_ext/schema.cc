@@ -144,6 +144,7 @@ int init_table(bool create, sqlite3* db, void* aux, int argc, const char* const*
 void release_table(Table* t) {
   Conn* conn = t->conn;
   if (t->pending != nullptr) zqtmp_drop(conn->database().session(), t->pending);
+  for (auto& [sql, st] : t->idle_reads) sqlite3_finalize(st);
   auto it = conn->tables.find(t->key());
   if (it != conn->tables.end() && it->second == t) conn->tables.erase(it);
   delete t;

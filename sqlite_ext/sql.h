@@ -32,6 +32,16 @@ class Stmt {
 
   // Replaces the statement; SQLITE_OK or the prepare error.
   int prepare(sqlite3* db, const std::string& sql);
+  // Takes over a prepared statement, or gives it up unfinalized.
+  void adopt(sqlite3_stmt* st) {
+    sqlite3_finalize(st_);
+    st_ = st;
+  }
+  sqlite3_stmt* release() {
+    sqlite3_stmt* st = st_;
+    st_ = nullptr;
+    return st;
+  }
   bool ok() const { return st_ != nullptr; }
   sqlite3_stmt* get() const { return st_; }
   Stmt& bind(int i, int64_t v);

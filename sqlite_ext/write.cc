@@ -2,19 +2,22 @@
 // DELETE) and the index tables of xCreate and xDestroy.
 //
 // The driver's user operations open a host transaction of their own, which a
-// running statement does not allow, so these run in the caller's statement
-// with the extension's undo journal instead: input checked first, then
-//   watch the node, base (and pending) tables -> Journal::Op ->
-//   library handle (writing mode) -> rtr_delete_by_rowid / rtr_insert ->
-//   base-table rows -> rtr_flush_all -> destroy handle -> commit the Op,
-// and any failure replays the journal so the tables are as they were. In
-// deferred mode the tree is left alone and the change is recorded as pending.
+// running statement does not allow, so changes go through the table's
+// TreeTxn instead: input checked first, then
+//   TreeTxn::change (the transaction's one writing handle) -> base-table rows
+//   through statements prepared once per connection,
+// and a failed base-table write takes the tree change back (TreeTxn::revert)
+// and restores what the row change had already written. The tree reaches the
+// node table when the transaction commits (xSync). In deferred mode the tree
+// is left alone, the change is recorded as pending, and the undo journal
+// keeps the work list and base table whole.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "driver/stmt.h"
 #include "sqlite_ext/ext.h"
 #include "sqlite_ext/handle.h"
 #include "zqrtree/bld.h"
@@ -32,28 +35,34 @@ std::string base_name(const zq::Index& index) {
 }
 
 zq::Status base_delete(const zq::Index& index, int64_t id) {
-  sqlite3* db = index.database()->db();
-  Stmt st(db, "DELETE FROM " + base_name(index) + " WHERE id = ?1");
+  zq::Database& db = *index.database();
+  zq::Stmt st(db, "DELETE FROM " + base_name(index) + " WHERE id = ?1");
   if (!st.ok() || st.bind(1, id).step() != SQLITE_DONE)
-    return sql_failure(db, "deleting rowid " + std::to_string(id) + " from " + index.base_table());
+    return sql_failure(db.db(),
+                       "deleting rowid " + std::to_string(id) + " from " + index.base_table());
   return zq::Status::ok();
 }
 
-zq::Status base_insert(const zq::Index& index, const zq::Entry& e) {
-  sqlite3* db = index.database()->db();
+std::string base_insert_sql(const zq::Index& index) {
   std::string cols = "id", params = "?1";
   for (int k = 0; k < index.dims(); ++k) {
     cols += ", min" + std::to_string(k) + ", max" + std::to_string(k);
     params += ", ?" + std::to_string(2 * k + 2) + ", ?" + std::to_string(2 * k + 3);
   }
-  Stmt st(db, "INSERT INTO " + base_name(index) + " (" + cols + ") VALUES (" + params + ")");
+  return "INSERT INTO " + base_name(index) + " (" + cols + ") VALUES (" + params + ")";
+}
+
+zq::Status base_insert(const zq::Index& index, const zq::Entry& e) {
+  zq::Database& db = *index.database();
+  zq::Stmt st(db, base_insert_sql(index));
   if (st.ok()) {
     st.bind(1, e.id);
     for (int k = 0; k < index.dims(); ++k)
       st.bind(2 * k + 2, e.box.min[k]).bind(2 * k + 3, e.box.max[k]);
   }
   if (!st.ok() || st.step() != SQLITE_DONE)
-    return sql_failure(db, "storing rowid " + std::to_string(e.id) + " in " + index.base_table());
+    return sql_failure(db.db(),
+                       "storing rowid " + std::to_string(e.id) + " in " + index.base_table());
   return zq::Status::ok();
 }
 
@@ -65,28 +74,30 @@ struct Change {
   zq::Entry new_entry;
 };
 
-zq::Status change_tree(const zq::Index& index, const Change& ch) {
-  zq::Database& db = *index.database();
-  Handle h(index, Handle::Mode::kWrite);
-  if (!h.status()) return h.status();
-  if (ch.has_old) {
-    const rtr_rect rect = zq::to_rect(ch.old_entry.box);
-    const int32_t rc = rtr_delete_by_rowid(db.env(), h.get(), ch.old_entry.id, &rect);
-    if (rc < 0) return engine_failure(db, rc, "deleting rowid " + std::to_string(ch.old_entry.id));
-  }
-  if (ch.has_new) {
-    const rtr_cell cell{ch.new_entry.id, zq::to_rect(ch.new_entry.box)};
-    const int32_t rc = rtr_insert(db.env(), h.get(), &cell);
-    if (rc < 0) return engine_failure(db, rc, "inserting rowid " + std::to_string(ch.new_entry.id));
-  }
-  return h.flush();
-}
-
 zq::Status change_base(const zq::Index& index, const Change& ch) {
   if (ch.has_old)
     if (zq::Status s = base_delete(index, ch.old_entry.id); !s) return s;
-  if (ch.has_new) return base_insert(index, ch.new_entry);
-  return zq::Status::ok();
+  if (!ch.has_new) return zq::Status::ok();
+  zq::Status s = base_insert(index, ch.new_entry);
+  if (!s && ch.has_old)
+    if (zq::Status back = base_insert(index, ch.old_entry); !back)
+      return zq::Status::io(s.message() +
+                            "; restoring the old row failed as well: " + back.message());
+  return s;
+}
+
+// The whole change or none of it, in the transaction's handle.
+zq::Status apply_direct(Table* t, const Change& ch) {
+  const size_t before = t->txn.length();
+  if (zq::Status s =
+          t->txn.change(ch.has_old ? &ch.old_entry : nullptr, ch.has_new ? &ch.new_entry : nullptr);
+      !s)
+    return s;
+  zq::Status s = change_base(t->index, ch);
+  if (s) return s;
+  if (zq::Status undone = t->txn.revert(before); !undone)
+    return zq::Status::io(s.message() + "; restoring the tree failed as well: " + undone.message());
+  return s;
 }
 
 zq::Status change_pending(Table* t, const Change& ch) {
@@ -100,7 +111,7 @@ zq::Status change_pending(Table* t, const Change& ch) {
 // the journal's replay they are brought back in line with what it restored.
 zq::Status undo(Table* t, Journal::Op* op, const Change& ch, zq::Status failed) {
   std::string err = op->rollback();
-  if (err.empty() && t->deferred()) {
+  if (err.empty()) {
     for (const zq::Entry* e :
          {ch.has_old ? &ch.old_entry : nullptr, ch.has_new ? &ch.new_entry : nullptr}) {
       if (e == nullptr) continue;
@@ -113,17 +124,16 @@ zq::Status undo(Table* t, Journal::Op* op, const Change& ch, zq::Status failed) 
 
 // The whole change or none of it.
 zq::Status apply_change(Table* t, const Change& ch) {
+  if (!t->deferred()) return apply_direct(t, ch);
   Journal& journal = t->conn->journal;
   for (const std::string& table : {t->index.node_table(), t->index.base_table()})
     if (std::string err = journal.watch(t->index.schema(), table); !err.empty())
       return zq::Status::io(err);
-  if (t->deferred()) {
-    if (zq::Status s = ensure_pending(t); !s) return s;
-    if (std::string err = watch_pending(t); !err.empty()) return zq::Status::io(err);
-  }
+  if (zq::Status s = ensure_pending(t); !s) return s;
+  if (std::string err = watch_pending(t); !err.empty()) return zq::Status::io(err);
   Journal::Op op(journal);
   if (!op.begun().empty()) return zq::Status::io(op.begun());
-  zq::Status s = t->deferred() ? change_pending(t, ch) : change_tree(t->index, ch);
+  zq::Status s = change_pending(t, ch);
   if (s) s = change_base(t->index, ch);
   if (!s) return undo(t, &op, ch, s);
   op.commit();
@@ -175,9 +185,8 @@ zq::Status new_id(Table* t, sqlite3_value** argv, const int64_t* old_id, int64_t
     *out = given.empty() ? *old_id : given[0];
     return zq::Status::ok();
   }
-  sqlite3* db = t->conn->db;
-  Stmt st(db, "SELECT max(id) FROM " + base_name(t->index));
-  if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(db, "choosing a rowid");
+  zq::Stmt st(t->conn->database(), "SELECT max(id) FROM " + base_name(t->index));
+  if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(t->conn->db, "choosing a rowid");
   const int64_t top = st.int64(0);
   if (top == INT64_MAX) return zq::Status::invalid("no rowid is left above " + std::to_string(top));
   *out = top + 1;

@@ -1,0 +1,182 @@
+// Handles kept across rows and statements: the transaction's writing handle
+// with its change list, and the connection's reading handle.
+#include "sqlite_ext/tree_txn.h"
+
+#include <algorithm>
+#include <string>
+
+#include "host/host.h"
+#include "sqlite_ext/handle.h"
+#include "zqrtree/tree.h"
+
+namespace zqext {
+
+namespace {
+
+HandleRef create_handle(const zq::Index& index, uint32_t read_mode, zq::Status* status) {
+  zq::Database& db = *index.database();
+  zq_scope* scope = zqsess_scope(db.session(), index.schema().c_str());
+  // The library reads only the name, to find "MDRT$" + name.
+  const zq_index object{index.name().c_str(), nullptr, nullptr, nullptr};
+  rtr_mem* rtr = nullptr;
+  const int32_t rc = rtr_mem_create(db.env(), db.session(), static_cast<uint16_t>(index.dims()),
+                                    scope, &object, read_mode, &rtr);
+  if (rc < 0) {
+    *status = engine_failure(db, rc, "opening index '" + index.name() + "'");
+    return nullptr;
+  }
+  zq_env* env = db.env();
+  return HandleRef(rtr, [env](rtr_mem* r) { rtr_mem_destroy(env, r); });
+}
+
+}  // namespace
+
+// ---- TreeTxn ----
+
+void TreeTxn::track(bool on) {
+  if (tracking_ == on) return;
+  const int32_t rc = zqsess_undo_track(db().session(), index_->schema().c_str(),
+                                       index_->node_table().c_str(), on ? 1 : 0);
+  tracking_ = on && rc == 0;
+}
+
+zq::Status TreeTxn::apply(const Op& op) {
+  const rtr_rect rect = zq::to_rect(op.entry.box);
+  int32_t rc;
+  if (op.insert) {
+    const rtr_cell cell{op.entry.id, rect};
+    rc = rtr_insert(db().env(), rtr_.get(), &cell);
+  } else {
+    rc = rtr_delete_by_rowid(db().env(), rtr_.get(), op.entry.id, &rect);
+  }
+  if (rc >= 0) return zq::Status::ok();
+  return engine_failure(
+      db(), rc, (op.insert ? "inserting rowid " : "deleting rowid ") + std::to_string(op.entry.id));
+}
+
+zq::Status TreeTxn::ready() {
+  if (rtr_ != nullptr && applied_ == ops_.size()) return zq::Status::ok();
+  if (rtr_ == nullptr) {
+    track(true);
+    if (!tracking_) return zq::Status::io("no memory to track the node table's rows");
+    zq::Status s;
+    rtr_ = create_handle(*index_, 0, &s);
+    if (rtr_ == nullptr) return s;
+    applied_ = 0;
+  }
+  // After a take-back the node table is as at the transaction's start and
+  // the list is what must be in the tree again.
+  while (applied_ < ops_.size()) {
+    if (zq::Status s = apply(ops_[applied_]); !s) {
+      // The list stays whole: the next use tries again, and a commit that
+      // cannot rebuild it fails and rolls everything back.
+      revert(ops_.size());
+      return s;
+    }
+    ++applied_;
+  }
+  return zq::Status::ok();
+}
+
+zq::Status TreeTxn::change(const zq::Entry* old_entry, const zq::Entry* new_entry) {
+  if (zq::Status s = ready(); !s) return s;
+  const size_t before = ops_.size();
+  for (const zq::Entry* e : {old_entry, new_entry}) {
+    if (e == nullptr) continue;
+    ops_.push_back(Op{e == new_entry, *e});
+    if (zq::Status s = apply(ops_.back()); !s) {
+      zq::Status undone = revert(before);
+      if (undone) return s;
+      return zq::Status::io(s.message() +
+                            "; restoring the tree failed as well: " + undone.message());
+    }
+    ++applied_;
+  }
+  return zq::Status::ok();
+}
+
+zq::Status TreeTxn::revert(size_t length) {
+  // A handle that failed part way holds a half-made change: it goes, and the
+  // rows it wrote go back.
+  int32_t rc = 0;
+  if (tracking_)
+    rc = zqsess_undo_rollback(db().session(), index_->schema().c_str(),
+                              index_->node_table().c_str(), 0);
+  rtr_.reset();
+  applied_ = 0;
+  ops_.resize(std::min(length, ops_.size()));
+  if (rc < 0) return engine_failure(db(), rc, "restoring the node table");
+  return zq::Status::ok();
+}
+
+HandleRef TreeTxn::handle(zq::Status* status) {
+  *status = zq::Status::ok();
+  if (!active()) return nullptr;
+  *status = ready();
+  return status->is_ok() ? rtr_ : nullptr;
+}
+
+zq::Status TreeTxn::flush() {
+  zq::Status s = ready();
+  // A failed flush fails the commit, and SQLite then rolls the whole
+  // transaction back: its writes need no tracking.
+  track(false);
+  if (s && rtr_ != nullptr) {
+    const int32_t rc = rtr_flush_all(db().env(), rtr_.get());
+    if (rc < 0) s = engine_failure(db(), rc, "writing back the changed nodes");
+  }
+  discard();
+  return s;
+}
+
+void TreeTxn::discard() {
+  rtr_.reset();
+  applied_ = 0;
+  track(false);
+  ops_.clear();
+  marks_.clear();
+}
+
+void TreeTxn::savepoint(int n) {
+  release(n);
+  marks_.push_back(Mark{n, ops_.size()});
+}
+
+void TreeTxn::release(int n) {
+  while (!marks_.empty() && marks_.back().n >= n) marks_.pop_back();
+}
+
+zq::Status TreeTxn::rollback_to(int n) {
+  auto it = std::find_if(marks_.begin(), marks_.end(), [n](const Mark& m) { return m.n == n; });
+  // No mark: the savepoint came before the table's first change.
+  const size_t length = it == marks_.end() ? 0 : it->length;
+  if (it != marks_.end()) marks_.erase(it + 1, marks_.end());
+  // SQLite has put back the rows written since the savepoint; putting every
+  // tracked image back as well takes the node table to the transaction's
+  // start, whatever was written when.
+  return revert(length);
+}
+
+// ---- ReadHandle ----
+
+uint64_t ReadHandle::stamp(zq::Status* status) const {
+  sqlite3* db = index_->database()->db();
+  unsigned int version = 0;
+  if (sqlite3_file_control(db, index_->schema().c_str(), SQLITE_FCNTL_DATA_VERSION, &version) !=
+      SQLITE_OK)
+    *status = zq::Status::io(std::string("reading the data version: ") + sqlite3_errmsg(db));
+  return static_cast<uint64_t>(sqlite3_total_changes64(db)) << 32 ^ version;
+}
+
+HandleRef ReadHandle::get(zq::Status* status) {
+  *status = zq::Status::ok();
+  const uint64_t now = stamp(status);
+  if (!*status) return nullptr;
+  if (rtr_ != nullptr && now == stamp_) return rtr_;
+  drop();
+  rtr_ = create_handle(*index_, 1, status);
+  stamp_ = now;
+  return rtr_;
+}
+
+}  // namespace zqext

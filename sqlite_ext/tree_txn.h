@@ -1,0 +1,110 @@
+/* The zqrtree SQLite extension: library handles that live as long as
+ * SQLite's rules allow.
+ *
+ * Writes. SQLite calls xUpdate once per row; a handle per row would read,
+ * decode, encode and write the upper levels of the tree again for every row.
+ * A TreeTxn keeps one writing-mode handle from a transaction's first change
+ * to its commit, where xSync flushes it (once) and destroys it. It also
+ * keeps the list of changes made through the handle, because a failure or a
+ * rollback to a savepoint must be taken back where SQLite allows no
+ * SAVEPOINT of ours (inside a running statement):
+ *   - node rows the handle writes before commit (an evicted dirty node, the
+ *     row of a node a deletion removes) are tracked by the host's row undo;
+ *   - taking back puts every tracked row back (the node table is then as at
+ *     the transaction's start), drops the handle, shortens the change list,
+ *     and the next use replays the list into a new handle.
+ * Savepoints (SQLite's statement savepoints and the user's) mark a length of
+ * the change list. The base table is SQLite's to roll back, except for a
+ * single failed row change, which the caller restores itself.
+ *
+ * Call order: change()* and handle() for reads, with savepoint(n),
+ * release(n), rollback_to(n) in between -> flush() at xSync, or discard() at
+ * xRollback.
+ *
+ * Reads. A ReadHandle keeps one reading-mode handle, and the nodes in its
+ * cache, across statements for as long as nothing may have changed the
+ * database: it is dropped when the connection's change count or the
+ * database's data version moves. */
+#ifndef ZQ_SQLITE_EXT_TREE_TXN_H
+#define ZQ_SQLITE_EXT_TREE_TXN_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "driver/index.h"
+
+namespace zqext {
+
+// A library handle shared by its keeper and the scans reading through it: a
+// scan still open when the keeper lets go (a commit, a rollback) keeps it
+// alive until the scan closes.
+using HandleRef = std::shared_ptr<rtr_mem>;
+
+class TreeTxn {
+ public:
+  explicit TreeTxn(const zq::Index* index) : index_(index) {}
+  ~TreeTxn() { discard(); }
+  TreeTxn(const TreeTxn&) = delete;
+  TreeTxn& operator=(const TreeTxn&) = delete;
+
+  // Deletes `old_entry` (when given) and inserts `new_entry` (when given),
+  // both or neither.
+  zq::Status change(const zq::Entry* old_entry, const zq::Entry* new_entry);
+  // Takes back the changes after the first `length` of the list.
+  zq::Status revert(size_t length);
+  size_t length() const { return ops_.size(); }
+  bool active() const { return rtr_ != nullptr || !ops_.empty(); }
+  // The handle holding the transaction's changes, for searches inside it;
+  // null (with status ok) when the transaction has changed nothing.
+  HandleRef handle(zq::Status* status);
+
+  zq::Status flush();
+  void discard();
+  void savepoint(int n);
+  void release(int n);
+  zq::Status rollback_to(int n);
+
+ private:
+  struct Op {
+    bool insert;
+    zq::Entry entry;
+  };
+  struct Mark {
+    int n;
+    size_t length;
+  };
+  zq::Status ready();  // a handle holding every listed change
+  zq::Status apply(const Op& op);
+  void track(bool on);
+  zq::Database& db() const { return *index_->database(); }
+
+  const zq::Index* index_;  // the table's, refreshed in place
+  HandleRef rtr_;
+  bool tracking_ = false;
+  size_t applied_ = 0;  // how many listed changes the handle holds
+  std::vector<Op> ops_;
+  std::vector<Mark> marks_;
+};
+
+class ReadHandle {
+ public:
+  explicit ReadHandle(const zq::Index* index) : index_(index) {}
+  ReadHandle(const ReadHandle&) = delete;
+  ReadHandle& operator=(const ReadHandle&) = delete;
+
+  // The kept handle when still valid, else a new one.
+  HandleRef get(zq::Status* status);
+  void drop() { rtr_.reset(); }
+
+ private:
+  uint64_t stamp(zq::Status* status) const;
+  const zq::Index* index_;
+  HandleRef rtr_;
+  uint64_t stamp_ = 0;
+};
+
+}  // namespace zqext
+
+#endif
