@@ -38,6 +38,10 @@ Table* table_arg(sqlite3_context* ctx, sqlite3_value** argv, const char* functio
   Conn* conn = conn_of(ctx);
   Table* t = find_table(conn, text_arg(argv[0]), &error);
   if (t != nullptr) error = conn->refresh();
+  // The functions read the node table itself: the open transaction's
+  // changes must be there.
+  if (t != nullptr && error.empty())
+    if (zq::Status s = t->txn.checkpoint(); !s) error = s.message();
   if (!error.empty()) {
     result_error(ctx, std::string(function) + ": " + error);
     return nullptr;

@@ -62,7 +62,7 @@ zq::Status TreeTxn::ready() {
     zq::Status s;
     rtr_ = create_handle(*index_, 0, &s);
     if (rtr_ == nullptr) return s;
-    applied_ = 0;
+    applied_ = written_;
   }
   // After a take-back the node table is as at the transaction's start and
   // the list is what must be in the tree again.
@@ -104,6 +104,7 @@ zq::Status TreeTxn::revert(size_t length) {
                               index_->node_table().c_str(), 0);
   rtr_.reset();
   applied_ = 0;
+  written_ = 0;
   ops_.resize(std::min(length, ops_.size()));
   if (rc < 0) return engine_failure(db(), rc, "restoring the node table");
   return zq::Status::ok();
@@ -116,12 +117,27 @@ HandleRef TreeTxn::handle(zq::Status* status) {
   return status->is_ok() ? rtr_ : nullptr;
 }
 
+zq::Status TreeTxn::checkpoint() {
+  if (rtr_ == nullptr && written_ == ops_.size()) return zq::Status::ok();
+  if (zq::Status s = ready(); !s) return s;
+  const int32_t rc = rtr_flush_all(db().env(), rtr_.get());
+  rtr_.reset();
+  if (rc < 0) {
+    zq::Status s = engine_failure(db(), rc, "writing back the changed nodes");
+    revert(ops_.size());  // the next use rebuilds from the transaction's start
+    return s;
+  }
+  written_ = ops_.size();
+  return zq::Status::ok();
+}
+
 zq::Status TreeTxn::flush() {
+  if (!active()) return zq::Status::ok();
   zq::Status s = ready();
   // A failed flush fails the commit, and SQLite then rolls the whole
   // transaction back: its writes need no tracking.
   track(false);
-  if (s && rtr_ != nullptr) {
+  if (s && rtr_ != nullptr && applied_ > written_) {
     const int32_t rc = rtr_flush_all(db().env(), rtr_.get());
     if (rc < 0) s = engine_failure(db(), rc, "writing back the changed nodes");
   }
@@ -132,6 +148,7 @@ zq::Status TreeTxn::flush() {
 void TreeTxn::discard() {
   rtr_.reset();
   applied_ = 0;
+  written_ = 0;
   track(false);
   ops_.clear();
   marks_.clear();

@@ -18,8 +18,10 @@
  * single failed row change, which the caller restores itself.
  *
  * Call order: change()* and handle() for reads, with savepoint(n),
- * release(n), rollback_to(n) in between -> flush() at xSync, or discard() at
- * xRollback.
+ * release(n), rollback_to(n), checkpoint() in between -> flush() at xSync, or
+ * discard() at xRollback. checkpoint() writes the changes so far into the
+ * node table for code that reads it directly (the checker); the rows it
+ * writes are tracked like any others, so a later take-back still works.
  *
  * Reads. A ReadHandle keeps one reading-mode handle, and the nodes in its
  * cache, across statements for as long as nothing may have changed the
@@ -61,6 +63,7 @@ class TreeTxn {
   HandleRef handle(zq::Status* status);
 
   zq::Status flush();
+  zq::Status checkpoint();
   void discard();
   void savepoint(int n);
   void release(int n);
@@ -83,7 +86,8 @@ class TreeTxn {
   const zq::Index* index_;  // the table's, refreshed in place
   HandleRef rtr_;
   bool tracking_ = false;
-  size_t applied_ = 0;  // how many listed changes the handle holds
+  size_t applied_ = 0;  // how many listed changes the node table and handle hold
+  size_t written_ = 0;  // how many listed changes the node table holds
   std::vector<Op> ops_;
   std::vector<Mark> marks_;
 };

@@ -58,6 +58,23 @@ struct Case {
   const char* change;   // runs with the fault armed; COMMIT applies deferred changes
 };
 
+// What the table holds as its users see it: the base table and the entries a
+// search of everything finds. Inside a transaction the tree's changes wait in
+// the library's handle until commit, so the node table's bytes say nothing.
+std::string contents(sqlite3* db) {
+  std::string out;
+  for (const char* sql : {"SELECT * FROM t_boxes ORDER BY id",
+                          "SELECT * FROM t WHERE hi0 >= -1e300 AND lo0 <= 1e300 ORDER BY id"}) {
+    sqlite3_stmt* st = nullptr;
+    sqlite3_prepare_v2(db, sql, -1, &st, nullptr);
+    while (sqlite3_step(st) == SQLITE_ROW)
+      for (int c = 0; c < sqlite3_column_count(st); ++c)
+        out += zqtest::dump_value(st, c) + (c + 1 < sqlite3_column_count(st) ? "|" : "\n");
+    sqlite3_finalize(st);
+  }
+  return out;
+}
+
 // A failed change leaves the tables as they were right before it; a failed
 // COMMIT rolls the whole transaction back.
 int attempt(const std::string& path, const Case& c, const char* fault, uint64_t n) {
@@ -70,15 +87,16 @@ int attempt(const std::string& path, const Case& c, const char* fault, uint64_t 
     return kSetup;
   const std::string before_txn = zqtest::dump_connection(db);
   if (in_txn && (exec(db, "BEGIN") != SQLITE_OK || exec(db, c.prelude) != SQLITE_OK)) return kSetup;
-  const std::string before = commit ? before_txn : zqtest::dump_connection(db);
+  const bool inside = in_txn && !commit;
+  const std::string before = commit   ? before_txn
+                             : inside ? contents(db)
+                                      : zqtest::dump_connection(db);
   exec(db, std::string("SELECT ") + fault + "(" + std::to_string(n) + ")");
   const int rc = exec(db, c.change);
   exec(db, std::string("SELECT ") + fault + "(0)");
   if (rc == SQLITE_OK) return kSucceeded;
-  if (zqtest::dump_connection(db) != before) return kChanged;
-  if (in_txn && !commit &&
-      (exec(db, "COMMIT") != SQLITE_OK || zqtest::dump_connection(db) != before))
-    return kChanged;
+  if ((inside ? contents(db) : zqtest::dump_connection(db)) != before) return kChanged;
+  if (inside && (exec(db, "COMMIT") != SQLITE_OK || contents(db) != before)) return kChanged;
   if (!sound(db)) return kUnsound;
   sqlite3_close(db);
   return kFailedCleanly;
@@ -102,7 +120,10 @@ TEST(ExtFault, FailedChangesLeaveTheTablesAsTheyWere) {
   const char* several = "INSERT INTO t SELECT id + 1000, lo0, hi0, lo1, hi1 FROM t WHERE id <= 4";
   const Case cases[] = {
       {"insert", nullptr, insert},
-      {"insert in a transaction", "", insert},
+      // Changes made earlier in the transaction are in the handle the failure
+      // drops, and must come back in the next one.
+      {"insert in a transaction",
+       "INSERT INTO t VALUES (4000, 1, 2, 1, 2); DELETE FROM t WHERE id = 11", insert},
       {"update", nullptr, update},
       {"update in a transaction", "", update},
       {"delete in a transaction", "", remove},
@@ -130,7 +151,11 @@ TEST(ExtFault, FailedChangesLeaveTheTablesAsTheyWere) {
           ADD_FAILURE() << "fault " << n << ": outcome " << outcome;
       }
       EXPECT_LT(n, 1000) << "the change never succeeded";
-      EXPECT_GT(clean, 0) << "no fault was reported as an error";
+      // A change inside a transaction may touch only nodes its handle holds
+      // already, with no engine call to fail.
+      if (n > 1) {
+        EXPECT_GT(clean, 0) << "no fault was reported as an error";
+      }
       if (std::string(fault) == "zqrtree_fault_engine") {
         EXPECT_EQ(stopped, 0);
       }
