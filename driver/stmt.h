@@ -23,6 +23,9 @@ class Stmt {
  public:
   Stmt(sqlite3* db, const std::string& sql);
   Stmt(Database& db, const std::string& sql);
+  // Borrows a kept statement the caller already has (null: not ok()).
+  explicit Stmt(sqlite3_stmt* kept)
+      : st_(kept), rc_(kept ? SQLITE_OK : SQLITE_ERROR), kept_(true) {}
   ~Stmt();
   Stmt(const Stmt&) = delete;
   Stmt& operator=(const Stmt&) = delete;

@@ -6,6 +6,8 @@
 // undo journal), registers the module "zqrtree" owning that Conn, which
 // SQLite frees when the connection closes, and the SQL functions. Loading
 // twice into one connection keeps the first Conn.
+#include <algorithm>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -134,6 +136,7 @@ std::string Conn::refresh() {
     t->pending = nullptr;
     t->txn.discard();
     t->reader.drop();
+    std::fill(std::begin(t->base_stmts), std::end(t->base_stmts), nullptr);
   }
   database_.reset();
   if (std::string err = open(); !err.empty()) return err;

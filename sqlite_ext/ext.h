@@ -70,6 +70,9 @@ struct Table : sqlite3_vtab {
   zq_tmptab* pending = nullptr;      // the host's table of pending changes, once needed
   bool pending_made_in_txn = false;  // made inside the open transaction
   bool pending_stale = false;        // a rollback took that transaction's DDL away
+  // The change path's base-table statements (write.cc), kept by the
+  // Database: null until first used, and again once the Database is replaced.
+  sqlite3_stmt* base_stmts[4] = {};
   // Base-table reads of finished scans, prepared and kept for the next scan.
   std::vector<std::pair<std::string, sqlite3_stmt*>> idle_reads;
   TreeTxn txn{&index};        // the open transaction's changes to the tree

@@ -34,35 +34,54 @@ std::string base_name(const zq::Index& index) {
   return quote(index.schema()) + "." + quote(index.base_table());
 }
 
-zq::Status base_delete(const zq::Index& index, int64_t id) {
-  zq::Database& db = *index.database();
-  zq::Stmt st(db, "DELETE FROM " + base_name(index) + " WHERE id = ?1");
-  if (!st.ok() || st.bind(1, id).step() != SQLITE_DONE)
-    return sql_failure(db.db(),
-                       "deleting rowid " + std::to_string(id) + " from " + index.base_table());
-  return zq::Status::ok();
-}
+// The change path's statements on the base table, prepared once per
+// connection and kept in the table by kind.
+enum BaseStmt { kLookup, kInsert, kDelete, kTop };
 
-std::string base_insert_sql(const zq::Index& index) {
-  std::string cols = "id", params = "?1";
+std::string base_sql(const zq::Index& index, BaseStmt kind) {
+  std::string cols, params = "?1";
   for (int k = 0; k < index.dims(); ++k) {
     cols += ", min" + std::to_string(k) + ", max" + std::to_string(k);
     params += ", ?" + std::to_string(2 * k + 2) + ", ?" + std::to_string(2 * k + 3);
   }
-  return "INSERT INTO " + base_name(index) + " (" + cols + ") VALUES (" + params + ")";
+  switch (kind) {
+    case kLookup:
+      return "SELECT " + cols.substr(2) + " FROM " + base_name(index) + " WHERE id = ?1";
+    case kInsert:
+      return "INSERT INTO " + base_name(index) + " (id" + cols + ") VALUES (" + params + ")";
+    case kDelete:
+      return "DELETE FROM " + base_name(index) + " WHERE id = ?1";
+    case kTop:
+      break;
+  }
+  return "SELECT max(id) FROM " + base_name(index);
 }
 
-zq::Status base_insert(const zq::Index& index, const zq::Entry& e) {
-  zq::Database& db = *index.database();
-  zq::Stmt st(db, base_insert_sql(index));
+zq::Stmt base_stmt(Table* t, BaseStmt kind) {
+  sqlite3_stmt*& st = t->base_stmts[kind];
+  int rc = SQLITE_OK;
+  if (st == nullptr) st = t->conn->database().statement(base_sql(t->index, kind), &rc);
+  return zq::Stmt(st);
+}
+
+zq::Status base_delete(Table* t, int64_t id) {
+  zq::Stmt st = base_stmt(t, kDelete);
+  if (!st.ok() || st.bind(1, id).step() != SQLITE_DONE)
+    return sql_failure(t->conn->db,
+                       "deleting rowid " + std::to_string(id) + " from " + t->index.base_table());
+  return zq::Status::ok();
+}
+
+zq::Status base_insert(Table* t, const zq::Entry& e) {
+  zq::Stmt st = base_stmt(t, kInsert);
   if (st.ok()) {
     st.bind(1, e.id);
-    for (int k = 0; k < index.dims(); ++k)
+    for (int k = 0; k < t->dims(); ++k)
       st.bind(2 * k + 2, e.box.min[k]).bind(2 * k + 3, e.box.max[k]);
   }
   if (!st.ok() || st.step() != SQLITE_DONE)
-    return sql_failure(db.db(),
-                       "storing rowid " + std::to_string(e.id) + " in " + index.base_table());
+    return sql_failure(t->conn->db,
+                       "storing rowid " + std::to_string(e.id) + " in " + t->index.base_table());
   return zq::Status::ok();
 }
 
@@ -74,13 +93,13 @@ struct Change {
   zq::Entry new_entry;
 };
 
-zq::Status change_base(const zq::Index& index, const Change& ch) {
+zq::Status change_base(Table* t, const Change& ch) {
   if (ch.has_old)
-    if (zq::Status s = base_delete(index, ch.old_entry.id); !s) return s;
+    if (zq::Status s = base_delete(t, ch.old_entry.id); !s) return s;
   if (!ch.has_new) return zq::Status::ok();
-  zq::Status s = base_insert(index, ch.new_entry);
+  zq::Status s = base_insert(t, ch.new_entry);
   if (!s && ch.has_old)
-    if (zq::Status back = base_insert(index, ch.old_entry); !back)
+    if (zq::Status back = base_insert(t, ch.old_entry); !back)
       return zq::Status::io(s.message() +
                             "; restoring the old row failed as well: " + back.message());
   return s;
@@ -93,7 +112,7 @@ zq::Status apply_direct(Table* t, const Change& ch) {
           t->txn.change(ch.has_old ? &ch.old_entry : nullptr, ch.has_new ? &ch.new_entry : nullptr);
       !s)
     return s;
-  zq::Status s = change_base(t->index, ch);
+  zq::Status s = change_base(t, ch);
   if (s) return s;
   if (zq::Status undone = t->txn.revert(before); !undone)
     return zq::Status::io(s.message() + "; restoring the tree failed as well: " + undone.message());
@@ -134,7 +153,7 @@ zq::Status apply_change(Table* t, const Change& ch) {
   Journal::Op op(journal);
   if (!op.begun().empty()) return zq::Status::io(op.begun());
   zq::Status s = change_pending(t, ch);
-  if (s) s = change_base(t->index, ch);
+  if (s) s = change_base(t, ch);
   if (!s) return undo(t, &op, ch, s);
   op.commit();
   return s;
@@ -185,7 +204,7 @@ zq::Status new_id(Table* t, sqlite3_value** argv, const int64_t* old_id, int64_t
     *out = given.empty() ? *old_id : given[0];
     return zq::Status::ok();
   }
-  zq::Stmt st(t->conn->database(), "SELECT max(id) FROM " + base_name(t->index));
+  zq::Stmt st = base_stmt(t, kTop);
   if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(t->conn->db, "choosing a rowid");
   const int64_t top = st.int64(0);
   if (top == INT64_MAX) return zq::Status::invalid("no rowid is left above " + std::to_string(top));
@@ -220,9 +239,17 @@ zq::Status new_box(Table* t, sqlite3_value** argv, zq::Box* box) {
 
 zq::Status stored(Table* t, int64_t id, zq::Entry* e, bool* found) {
   e->id = id;
-  zq::Status s = t->index.lookup(id, &e->box);
-  *found = s.is_ok();
-  return s.kind() == zq::Status::Kind::kNotFound ? zq::Status::ok() : s;
+  zq::Stmt st = base_stmt(t, kLookup);
+  const int rc = st.ok() ? st.bind(1, id).step() : SQLITE_ERROR;
+  *found = rc == SQLITE_ROW;
+  if (*found)
+    for (int k = 0; k < t->dims(); ++k) {
+      e->box.min[k] = st.real(2 * k);
+      e->box.max[k] = st.real(2 * k + 1);
+    }
+  if (rc != SQLITE_ROW && rc != SQLITE_DONE)
+    return sql_failure(t->conn->db, "reading rowid " + std::to_string(id));
+  return zq::Status::ok();
 }
 
 int update_failed(Table* t, const std::string& what, const zq::Status& s) {

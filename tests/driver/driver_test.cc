@@ -220,6 +220,38 @@ TEST_F(DriverTest, BadInputIsRefusedAndChangesNothing) {
   expect_sound(index);
 }
 
+// Many operations in one transaction of the program's own: a failed one takes
+// back only its own work, a rollback all of them, and nothing is on disk
+// before the commit.
+TEST_F(DriverTest, AProgramGroupsOperationsInItsOwnTransaction) {
+  zq::Index index = create(2);
+  const std::vector<Entry> entries = random_entries(2, 1, 300, 5);
+  const std::string empty = zqtest::dump_database(path_);
+  Model model;
+  ASSERT_TRUE(db_->begin());
+  for (const Entry& e : entries) {
+    ASSERT_TRUE(index.insert(e));
+    model[e.id] = e.box;
+  }
+  for (int64_t id = 1; id <= 100; id += 3) {
+    ASSERT_TRUE(index.remove(id));
+    model.erase(id);
+  }
+  EXPECT_EQ(index.insert(entries[200]).kind(), Status::Kind::kInvalid);  // a taken rowid
+  EXPECT_EQ(index.remove(999999).kind(), Status::Kind::kNotFound);  // fails inside its savepoint
+  EXPECT_EQ(zqtest::dump_database(path_), empty);
+  expect_matches_model(index, model, 6);
+  ASSERT_TRUE(db_->commit());
+  expect_matches_model(index, model, 7);
+  expect_sound(index);
+  const std::string committed = zqtest::dump_database(path_);
+  ASSERT_TRUE(db_->begin());
+  ASSERT_TRUE(index.remove(200));
+  db_->rollback();
+  EXPECT_EQ(zqtest::dump_database(path_), committed);
+  expect_matches_model(index, model, 8);
+}
+
 TEST_F(DriverTest, NamesAtTheLimitAndQuotesWork) {
   const std::string longest(123, 'x');
   zq::Index a = create(1, longest);
