@@ -13,10 +13,11 @@
  * a program just opens a Database (one per thread), then creates or opens an
  * Index on it and calls its operations. Each operation that changes anything
  * is one user operation: it validates its input before it touches the
- * database, runs in zqsess_begin .. zqsess_commit with one library handle
- * (flushed once, then destroyed), and on any failure rolls back and discards
- * the handle, so the database is exactly as it was and the Status carries the
- * engine's error stack as a readable trace.
+ * database, runs in zqsess_begin .. zqsess_commit (or in a savepoint, inside
+ * a transaction the program opened with Database::begin) with one library
+ * handle (flushed once, then destroyed), and on any failure rolls back and
+ * discards the handle, so the database is exactly as it was and the Status
+ * carries the engine's error stack as a readable trace.
  *
  * Boxes: slots of axes beyond the index's dimension count are 0, in entries
  * and in search boxes alike (the library's search compares the first two axes
