@@ -9,6 +9,7 @@
 // Each takes the connection's Conn as its user data.
 #include <string>
 
+#include "driver/tree_stats.h"
 #include "sqlite_ext/ext.h"
 
 #ifdef ZQ_HAVE_CHECK
@@ -162,6 +163,16 @@ void fn_apply(sqlite3_context* ctx, int, sqlite3_value** argv) {
   sqlite3_result_int64(ctx, static_cast<sqlite3_int64>(applied));
 }
 
+void fn_stats(sqlite3_context* ctx, int, sqlite3_value** argv) {
+  Table* t = table_arg(ctx, argv, "zqrtree_stats");
+  if (t == nullptr) return;
+  zq::TreeStats st;
+  if (zq::Status s = zq::collect_stats(t->index, &st); !s)
+    return result_error(ctx, failure(*t, s.message()));
+  const std::string json = zq::stats_json(st);
+  sqlite3_result_text(ctx, json.c_str(), static_cast<int>(json.size()), SQLITE_TRANSIENT);
+}
+
 void fn_check(sqlite3_context* ctx, int, sqlite3_value** argv) {
   Table* t = table_arg(ctx, argv, "zqrtree_check");
   if (t == nullptr) return;
@@ -221,6 +232,7 @@ int register_functions(Conn* conn) {
       {"zqrtree_defer", 2, direct, fn_defer},
       {"zqrtree_apply", 1, direct, fn_apply},
       {"zqrtree_check", 1, direct, fn_check},
+      {"zqrtree_stats", 1, direct, fn_stats},
       {"zqrtree_fault_alloc", 1, direct, fn_fault<&zq::Database::fail_alloc_nth>},
       {"zqrtree_fault_engine", 1, direct, fn_fault<&zq::Database::fail_engine_nth>},
       {Journal::kArmedFunction, 0, SQLITE_UTF8 | SQLITE_INNOCUOUS, fn_undo_armed},

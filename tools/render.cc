@@ -9,7 +9,7 @@
 #include <map>
 #include <vector>
 
-#include "tools/tree_stats.h"
+#include "driver/tree_stats.h"
 
 namespace zqtool {
 
@@ -71,7 +71,7 @@ zq::Status render_svg(const zq::Index& index, const RenderOptions& options, std:
   Scene scene;
   zq::Status s = index.walk([&](const zq::NodeView& node) {
     if (node.cells.empty()) return;
-    const zq::Box box = cells_union(node.cells, dims);
+    const zq::Box box = zq::cells_union(node.cells, dims);
     if (node.depth == 0) {
       scene.bounds = box;
       scene.any = true;
