@@ -8,21 +8,36 @@
 
 namespace zq {
 
-Stmt::Stmt(sqlite3* db, const std::string& sql) {
-  rc_ = sqlite3_prepare_v2(db, sql.c_str(), -1, &st_, nullptr);
-}
-
 Stmt::Stmt(Database& db, const std::string& sql) : kept_(true) {
-  st_ = db.statement(sql, &rc_);
+  int rc = SQLITE_OK;
+  st_ = db.statement(sql, &rc);
 }
 
-Stmt::~Stmt() {
+void Stmt::let_go() {
   if (!kept_) {
     sqlite3_finalize(st_);
   } else if (st_ != nullptr) {
     sqlite3_reset(st_);
     sqlite3_clear_bindings(st_);
   }
+  st_ = nullptr;
+  kept_ = false;
+}
+
+int Stmt::prepare(sqlite3* db, const std::string& sql) {
+  let_go();
+  return sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.size()), &st_, nullptr);
+}
+
+void Stmt::adopt(sqlite3_stmt* st) {
+  let_go();
+  st_ = st;
+}
+
+sqlite3_stmt* Stmt::release() {
+  sqlite3_stmt* st = st_;
+  st_ = nullptr;
+  return st;
 }
 
 Stmt& Stmt::bind(int i, int64_t v) {
@@ -35,8 +50,13 @@ Stmt& Stmt::bind(int i, double v) {
   return *this;
 }
 
-Stmt& Stmt::bind(int i, const std::string& v) {
-  sqlite3_bind_text(st_, i, v.c_str(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+Stmt& Stmt::bind(int i, std::string_view v) {
+  sqlite3_bind_text(st_, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+  return *this;
+}
+
+Stmt& Stmt::bind_value(int i, sqlite3_value* v) {
+  sqlite3_bind_value(st_, i, v);
   return *this;
 }
 
@@ -50,6 +70,14 @@ int Stmt::step() {
 void Stmt::reset() {
   sqlite3_reset(st_);
   sqlite3_clear_bindings(st_);
+}
+
+int64_t Stmt::int64(int col) const {
+  return sqlite3_column_int64(st_, col);
+}
+
+double Stmt::real(int col) const {
+  return sqlite3_column_double(st_, col);
 }
 
 }  // namespace zq

@@ -12,6 +12,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <string_view>
 
 #include "driver/index.h"
 
@@ -21,28 +22,37 @@ namespace zq {
 // kept statements, reset and unbound on every path instead.
 class Stmt {
  public:
-  Stmt(sqlite3* db, const std::string& sql);
+  Stmt() = default;
+  Stmt(sqlite3* db, const std::string& sql) { prepare(db, sql); }
   Stmt(Database& db, const std::string& sql);
   // Borrows a kept statement the caller already has (null: not ok()).
-  explicit Stmt(sqlite3_stmt* kept)
-      : st_(kept), rc_(kept ? SQLITE_OK : SQLITE_ERROR), kept_(true) {}
-  ~Stmt();
+  explicit Stmt(sqlite3_stmt* kept) : st_(kept), kept_(true) {}
+  ~Stmt() { let_go(); }
   Stmt(const Stmt&) = delete;
   Stmt& operator=(const Stmt&) = delete;
 
-  bool ok() const { return rc_ == SQLITE_OK; }
+  // Replaces the statement with a new one of its own; SQLITE_OK or the
+  // prepare error.
+  int prepare(sqlite3* db, const std::string& sql);
+  // Takes over a prepared statement, or gives it up unfinalized.
+  void adopt(sqlite3_stmt* st);
+  sqlite3_stmt* release();
+
+  bool ok() const { return st_ != nullptr; }
   sqlite3_stmt* get() const { return st_; }
   Stmt& bind(int i, int64_t v);
   Stmt& bind(int i, double v);
-  Stmt& bind(int i, const std::string& v);
+  Stmt& bind(int i, std::string_view v);
+  Stmt& bind_value(int i, sqlite3_value* v);
   int step();  // SQLITE_ROW, SQLITE_DONE or an error code
   void reset();
-  int64_t int64(int col) const { return sqlite3_column_int64(st_, col); }
-  double real(int col) const { return sqlite3_column_double(st_, col); }
+  // Out of line: the extension's files see SQLite's names as macros.
+  int64_t int64(int col) const;
+  double real(int col) const;
 
  private:
+  void let_go();
   sqlite3_stmt* st_ = nullptr;
-  int rc_ = SQLITE_OK;
   bool kept_ = false;
 };
 
