@@ -64,8 +64,8 @@ zq::Status TreeTxn::ready() {
     if (rtr_ == nullptr) return s;
     applied_ = written_;
   }
-  // After a take-back the node table is as at the transaction's start and
-  // the list is what must be in the tree again.
+  // After a take-back the node table is as where the list starts, and the
+  // list is what must be in the tree again.
   while (applied_ < ops_.size()) {
     if (zq::Status s = apply(ops_[applied_]); !s) {
       // The list stays whole: the next use tries again, and a commit that
@@ -97,7 +97,8 @@ zq::Status TreeTxn::change(const zq::Entry* old_entry, const zq::Entry* new_entr
 
 zq::Status TreeTxn::revert(size_t length) {
   // A handle that failed part way holds a half-made change: it goes, and the
-  // rows it wrote go back.
+  // rows it wrote go back, to where the list starts (the transaction's start,
+  // or the last trim).
   int32_t rc = 0;
   if (tracking_)
     rc = zqsess_undo_rollback(db().session(), index_->schema().c_str(),
@@ -128,6 +129,18 @@ zq::Status TreeTxn::checkpoint() {
     return s;
   }
   written_ = ops_.size();
+  return zq::Status::ok();
+}
+
+zq::Status TreeTxn::trim() {
+  if (ops_.size() < kTrimAt || !marks_.empty()) return zq::Status::ok();
+  if (zq::Status s = checkpoint(); !s) return s;
+  // No savepoint reaches back past this point and SQLite rolls a whole
+  // transaction back itself, so what was written is the new starting point.
+  track(false);
+  ops_.clear();
+  written_ = 0;
+  applied_ = 0;
   return zq::Status::ok();
 }
 

@@ -14,7 +14,8 @@
  *     the transaction's start), drops the handle, shortens the change list,
  *     and the next use replays the list into a new handle.
  * Savepoints (SQLite's statement savepoints and the user's) mark a length of
- * the change list. The base table is SQLite's to roll back, except for a
+ * the change list; a long list with no savepoint open is written out and
+ * started afresh (trim()). The base table is SQLite's to roll back, except for a
  * single failed row change, which the caller restores itself.
  *
  * Call order: change()* and handle() for reads, with savepoint(n),
@@ -64,6 +65,11 @@ class TreeTxn {
 
   zq::Status flush();
   zq::Status checkpoint();
+  // Bounds the list's memory in long transactions: past kTrimAt changes, and
+  // with no savepoint open, the changes go to the node table and the list
+  // starts afresh. Call between changes, before taking length().
+  zq::Status trim();
+  static constexpr size_t kTrimAt = size_t{1} << 20;
   void discard();
   void savepoint(int n);
   void release(int n);

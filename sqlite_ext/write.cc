@@ -107,6 +107,7 @@ zq::Status change_base(Table* t, const Change& ch) {
 
 // The whole change or none of it, in the transaction's handle.
 zq::Status apply_direct(Table* t, const Change& ch) {
+  if (zq::Status s = t->txn.trim(); !s) return s;
   const size_t before = t->txn.length();
   if (zq::Status s =
           t->txn.change(ch.has_old ? &ch.old_entry : nullptr, ch.has_new ? &ch.new_entry : nullptr);
