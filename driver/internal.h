@@ -19,8 +19,7 @@
 
 namespace zq::detail {
 
-// "name" with embedded quotes doubled, for identifiers in SQL text.
-std::string quote_ident(std::string_view ident);
+using zq::quote_ident;
 // schema.table, both quoted.
 std::string qualified(const std::string& schema, const std::string& table);
 

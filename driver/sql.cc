@@ -8,6 +8,15 @@
 
 namespace zq {
 
+std::string quote_ident(std::string_view ident) {
+  std::string out = "\"";
+  for (char c : ident) {
+    if (c == '"') out += '"';
+    out += c;
+  }
+  return out + "\"";
+}
+
 Stmt::Stmt(Database& db, const std::string& sql) : kept_(true) {
   int rc = SQLITE_OK;
   st_ = db.statement(sql, &rc);
@@ -83,15 +92,6 @@ double Stmt::real(int col) const {
 }  // namespace zq
 
 namespace zq::detail {
-
-std::string quote_ident(std::string_view ident) {
-  std::string out = "\"";
-  for (char c : ident) {
-    if (c == '"') out += '"';
-    out += c;
-  }
-  return out + "\"";
-}
 
 std::string qualified(const std::string& schema, const std::string& table) {
   return quote_ident(schema) + "." + quote_ident(table);

@@ -18,6 +18,9 @@
 
 namespace zq {
 
+// "name" with embedded quotes doubled, for identifiers in SQL text.
+std::string quote_ident(std::string_view ident);
+
 // A prepared statement, finalized on every path; or one of the Database's
 // kept statements, reset and unbound on every path instead.
 class Stmt {

@@ -1,16 +1,8 @@
-// SQL helpers of the extension: identifier quoting and plain execution.
+// SQL helpers of the extension: lower case for identifiers and plain
+// execution.
 #include "sqlite_ext/sql.h"
 
 namespace zqext {
-
-std::string quote(std::string_view ident) {
-  std::string out = "\"";
-  for (char c : ident) {
-    if (c == '"') out += '"';
-    out += c;
-  }
-  return out + "\"";
-}
 
 std::string lower(std::string_view text) {
   std::string out(text);

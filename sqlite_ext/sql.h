@@ -20,7 +20,9 @@ SQLITE_EXTENSION_INIT3
 namespace zqext {
 
 // "name" with embedded quotes doubled.
-std::string quote(std::string_view ident);
+inline std::string quote(std::string_view ident) {
+  return zq::quote_ident(ident);
+}
 // ASCII lower case: SQLite compares identifiers without case.
 std::string lower(std::string_view text);
 
