@@ -16,6 +16,7 @@
 #include "driver/default_hooks.h"
 #include "driver/index.h"
 #include "driver/internal.h"
+#include "driver/leaf_map.h"
 #include "host/host.h"
 #include "zqrtree/hook.h"
 
@@ -83,6 +84,7 @@ Status Database::open(const std::string& path, bool create, std::unique_ptr<Data
     Status s = detail::engine_failure(*db, code, "opening database '" + path + "'");
     return Status::io(s.message());
   }
+  zqsess_set_row_observer(db->session_, detail::observe_rows, db.get());
   *out = std::move(db);
   return Status::ok();
 }
@@ -96,11 +98,13 @@ Status Database::wrap(sqlite3* sqlite, std::unique_ptr<Database>* out) {
   if (db->env_ == nullptr) return Status::engine(RTR_ERR_NO_ROOM, "no memory for an environment");
   db->session_ = zqsess_wrap(db->env_, sqlite);
   if (db->session_ == nullptr) return Status::engine(RTR_ERR_NO_ROOM, "no memory for a session");
+  zqsess_set_row_observer(db->session_, detail::observe_rows, db.get());
   *out = std::move(db);
   return Status::ok();
 }
 
 Database::~Database() {
+  leaf_maps_.clear();
   for (auto& [sql, st] : statements_) sqlite3_finalize(st);
   if (session_ != nullptr) zqsess_close(session_);
   if (env_ != nullptr) zqenv_destroy(env_);
@@ -122,6 +126,36 @@ sqlite3_stmt* Database::statement(const std::string& sql, int* rc) {
   return st;
 }
 
+detail::LeafMap* Database::leaf_map(std::string_view schema, std::string_view node_table) {
+  for (LeafMapSlot& slot : leaf_maps_)
+    if (slot.node_table == node_table && slot.schema == schema) return slot.map.get();
+  LeafMapSlot slot{std::string(schema), std::string(node_table), nullptr};
+  const std::string_view prefix = RTR_NODE_TABLE_PREFIX;
+  if (node_table.starts_with(prefix)) {
+    const std::string name(node_table.substr(prefix.size()));
+    if (detail::table_exists(db(), slot.schema, name + "_rowid"))
+      slot.map = std::make_unique<detail::LeafMap>(*this, slot.schema, name);
+  }
+  leaf_maps_.push_back(std::move(slot));
+  return leaf_maps_.back().map.get();
+}
+
+Status Database::apply_leaf_moves() {
+  for (LeafMapSlot& slot : leaf_maps_)
+    if (slot.map != nullptr && slot.map->has_moves())
+      if (Status s = slot.map->apply(); !s) return s;
+  return Status::ok();
+}
+
+void Database::forget_leaf_moves() {
+  for (LeafMapSlot& slot : leaf_maps_)
+    if (slot.map != nullptr) slot.map->forget();
+}
+
+void Database::reset_leaf_maps() {
+  leaf_maps_.clear();
+}
+
 Status Database::begin() {
   zqenv_err_clear(env_);
   const int32_t rc = zqsess_begin(session_);
@@ -134,6 +168,7 @@ Status Database::commit() {
 }
 
 void Database::rollback() {
+  forget_leaf_moves();
   zqsess_rollback(session_);
 }
 
@@ -235,6 +270,7 @@ UserOp::UserOp(Database& db) : db_(db) {
 
 UserOp::~UserOp() {
   if (!open_) return;
+  db_.forget_leaf_moves();
   if (nested_) {
     exec(db_.db(), "ROLLBACK TO zq_user_op; RELEASE zq_user_op", "");
     return;
@@ -245,6 +281,7 @@ UserOp::~UserOp() {
 }
 
 Status UserOp::commit() {
+  if (Status s = db_.apply_leaf_moves(); !s) return s;
   if (nested_) {
     if (Status s = exec(db_.db(), "RELEASE zq_user_op", "ending the operation's savepoint"); !s)
       return s;

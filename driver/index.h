@@ -5,8 +5,9 @@
  * What an index is on disk (in one schema of the connection, "main" unless
  * told otherwise):
  *   "MDRT$" + name       the node table, one row per tree node (the library's)
- *   name + "_boxes"      the base table: id INTEGER PRIMARY KEY, min0, max0
- *                        [, min1, max1 [, min2, max2]] — the indexed rows
+ *   name + "_rowid"      id INTEGER PRIMARY KEY, leaf INTEGER — the leaf node
+ *                        holding each indexed rowid, so that a rowid's box can
+ *                        be read from its leaf (driver/leaf_map.h)
  *   zqrtree_catalog      name TEXT PRIMARY KEY, dims INTEGER — one row per index
  *
  * Calling order: zq::install_hooks() happens inside Database::open / wrap, so
@@ -48,6 +49,10 @@
 #include "zqrtree/mem.h"
 
 namespace zq {
+
+namespace detail {
+class LeafMap;
+}
 
 inline constexpr int kMaxDims = 3;
 inline constexpr size_t kMaxNameLen = 123;      // "MDRT$" + name must fit 129 bytes
@@ -172,6 +177,15 @@ class Database {
   // before the next caller asks for the same text.
   sqlite3_stmt* statement(const std::string& sql, int* rc);
 
+  // The rowid table of the index whose node table this is, or null when the
+  // table belongs to no index (for the driver and the extension).
+  detail::LeafMap* leaf_map(std::string_view schema, std::string_view node_table);
+  // Writes (or, after a rollback, forgets) the rowid tables' pending moves.
+  Status apply_leaf_moves();
+  void forget_leaf_moves();
+  // Forgets which tables are indexes' (after indexes were made or dropped).
+  void reset_leaf_maps();
+
   // Names and dimension counts of every index in `schema`'s catalog.
   Status list(std::vector<std::pair<std::string, int>>* out, const std::string& schema = "main");
   // Bytes of the database file (page count times page size).
@@ -183,6 +197,12 @@ class Database {
   zq_session* session_ = nullptr;
   std::string path_;
   std::map<std::string, sqlite3_stmt*> statements_;
+  struct LeafMapSlot {
+    std::string schema;
+    std::string node_table;
+    std::unique_ptr<detail::LeafMap> map;  // null: not an index's node table
+  };
+  std::vector<LeafMapSlot> leaf_maps_;
 };
 
 struct LoadOptions {
@@ -231,7 +251,7 @@ class Index {
   // Dimension count from the catalog; kNotFound names a missing index.
   static Status open(Database& db, const std::string& name, Index* out,
                      const std::string& schema = "main");
-  // Removes the node table, the base table and the catalog row.
+  // Removes the node table, the rowid table and the catalog row.
   static Status drop(Database& db, const std::string& name, const std::string& schema = "main");
 
   Index() = default;
@@ -253,26 +273,29 @@ class Index {
   Status query(uint32_t op, const Box& query, const std::function<bool(const Entry&)>& visit) const;
   // The stored box of a rowid; kNotFound when it is not indexed.
   Status lookup(int64_t id, Box* box) const;
-  Status count(uint64_t* n) const;  // rows of the base table
-  // Every base-table row in rowid order.
-  Status scan_base(const std::function<bool(const Entry&)>& visit) const;
+  Status count(uint64_t* n) const;  // indexed rows
+  // Every entry, in the tree's order.
+  Status entries(const std::function<bool(const Entry&)>& visit) const;
   // Every node reachable from the root, parents before children, through
   // the library's node cache; cells are valid during the call only.
   Status walk(const std::function<void(const NodeView&)>& visit) const;
   // rtr_print of the whole tree (to standard output).
   Status print() const;
-  // The tree's leaf entries against the base table: "" when every row is in
-  // the tree exactly once with its stored box and the tree holds nothing
-  // else, else the first difference ("rowid 7 is in the base table but not
-  // in the tree").
-  Status verify_base(std::string* problem) const;
+  // The tree's leaf entries against the rowid table: "" when every rowid is
+  // in the tree exactly once, in the leaf the table names, and the tree holds
+  // nothing else, else the first difference ("rowid 7 is in the rowid table
+  // but not in the tree"). With `borrowed`, walks the tree of that handle
+  // (written back, with the moves of its writes not yet applied) instead of
+  // a fresh one in a transaction of its own.
+  Status verify_rowids(std::string* problem, rtr_mem* borrowed = nullptr) const;
   // Runs `fn` on a fresh reading-mode handle inside one transaction, for
   // diagnostics that call the library directly (the tree checker).
   Status with_read_handle(const std::function<Status(rtr_mem*)>& fn) const;
 
-  std::string node_table() const;  // "MDRT$" + name
-  std::string base_table() const;  // name + "_boxes"
+  std::string node_table() const;   // "MDRT$" + name
+  std::string rowid_table() const;  // name + "_rowid"
   const std::string& schema() const { return schema_; }
+  detail::LeafMap* leaf_map() const;  // null only if the rowid table is gone
 
  private:
   friend class Scan;

@@ -83,13 +83,11 @@ class Handle {
   Status created_;
 };
 
-// The stored box of a rowid from the base table; found=false when absent.
-Status read_base_box(const Index& index, int64_t id, Box* box, bool* found);
-// INSERT of one base-table row; a taken rowid is kInvalid with `where`.
-Status insert_base_row(const Index& index, Stmt& insert, const Entry& entry,
-                       std::string_view where);
-std::string insert_base_sql(const Index& index);
 std::string describe_box(const Box& box, int dims);  // "[1, 2] x [0, 5]"
+
+// Every node reachable from the root of `rtr`'s tree, parents first.
+Status walk_tree(const Index& index, rtr_mem* rtr,
+                 const std::function<void(const NodeView&)>& visit);
 
 // Builds the tree from nothing: the node table is emptied, then packed
 // bottom-up from `feed` (which puts entries with `put`), inside the

@@ -5,11 +5,16 @@
 // nsort_sort_it -> rtr_mem_create_for_bld -> rtr_blkload -> destroy all.
 #include <sqlite3.h>
 
+#include <climits>
 #include <cmath>
+#include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "driver/index.h"
 #include "driver/internal.h"
+#include "driver/leaf_map.h"
 #include "host/host.h"
 #include "zqrtree/bld.h"
 
@@ -103,6 +108,51 @@ std::string fill_problem(double fill) {
   return buf;
 }
 
+// The rowids a load has seen, to refuse a second one with the place it came
+// from. Open addressing over a power-of-two table kept at most half full;
+// INT64_MIN marks an empty slot and is remembered apart.
+class RowidSet {
+ public:
+  explicit RowidSet(uint64_t expected) { grow(expected); }
+  // False when `id` was already there.
+  bool insert(int64_t id) {
+    if (id == kEmpty) return !std::exchange(has_empty_, true);
+    if (2 * (size_ + 1) > slots_.size()) grow(slots_.size());
+    for (size_t i = slot(id);; i = (i + 1) & (slots_.size() - 1)) {
+      if (slots_[i] == id) return false;
+      if (slots_[i] == kEmpty) {
+        slots_[i] = id;
+        ++size_;
+        return true;
+      }
+    }
+  }
+
+ private:
+  static constexpr int64_t kEmpty = INT64_MIN;
+  size_t slot(int64_t id) const {
+    // Rowids are often dense: a multiplicative hash spreads them.
+    return static_cast<size_t>((static_cast<uint64_t>(id) * 0x9E3779B97F4A7C15ull) >> shift_);
+  }
+  void grow(uint64_t expected) {
+    size_t n = 1024;
+    int bits = 10;
+    while (n < 2 * expected) {
+      n *= 2;
+      ++bits;
+    }
+    std::vector<int64_t> old = std::exchange(slots_, std::vector<int64_t>(n, kEmpty));
+    shift_ = 64 - bits;
+    size_ = 0;
+    for (int64_t id : old)
+      if (id != kEmpty) insert(id);
+  }
+  std::vector<int64_t> slots_;
+  int shift_ = 54;
+  size_t size_ = 0;
+  bool has_empty_ = false;
+};
+
 bool root_row_exists(const Index& index) {
   detail::Stmt st(index.database()->db(),
                   "SELECT 1 FROM " + detail::qualified(index.schema(), index.node_table()) +
@@ -135,10 +185,17 @@ Status rebuild_tree(
       !s)
     return s;
   if (progress) progress("building", 0, feeder.count());
+  LeafMap* map = index.leaf_map();
+  if (map == nullptr)
+    return Status::not_found("index '" + index.name() + "' has lost its table " +
+                             quote_ident(index.rowid_table()));
+  map->forget();
+  map->collect(true);
   Handle handle(index, Handle::Mode::kBuild);
   if (!handle.created()) return handle.created();
   const int32_t rc =
       rtr_blkload(db.env(), mem.get(), handle.get(), feeder.sorter(), feeder.count(), fill);
+  map->collect(false);
   if (rc < 0) return engine_failure(db, rc, "building the tree");
   // The build does not report a failed move of its top node to node 1; the
   // error stack does, and the root row must be there.
@@ -147,6 +204,7 @@ Status rebuild_tree(
   if (!root_row_exists(index))
     return Status::engine(RTR_ERR_NOT_FOUND,
                           "building the tree left no root row in " + index.node_table());
+  if (Status s = map->refill(); !s) return s;
   if (progress) progress("building", feeder.count(), feeder.count());
   return Status::ok();
 }
@@ -157,21 +215,22 @@ Status Index::load(EntrySource& source, const LoadOptions& options) {
   if (std::string p = fill_problem(options.fill); !p.empty()) return Status::invalid(p);
   detail::UserOp op(*db_);
   if (!op.begun()) return op.begun();
-  if (options.replace)
-    if (Status s =
-            detail::exec(db_->db(), "DELETE FROM " + detail::qualified(schema_, base_table()),
-                         "emptying " + base_table());
-        !s)
-      return s;
-  detail::Stmt ins(db_->db(), detail::insert_base_sql(*this));
-  if (!ins.ok()) return detail::sql_failure(db_->db(), "preparing " + base_table());
+  uint64_t existing = 0;
+  if (!options.replace)
+    if (Status s = count(&existing); !s) return s;
+  RowidSet seen(existing + source.size_hint());
 
   auto feed = [&](const std::function<Status(const Entry&)>& put) -> Status {
-    // Entries already indexed go in first, before the base table grows.
+    // Entries already indexed go in first, while the tree still holds them.
     Status inner;
-    Status s = scan_base([&](const Entry& e) { return (inner = put(e)).is_ok(); });
-    if (!s) return s;
-    if (!inner) return inner;
+    if (!options.replace) {
+      Status s = entries([&](const Entry& e) {
+        seen.insert(e.id);
+        return (inner = put(e)).is_ok();
+      });
+      if (!s) return s;
+      if (!inner) return inner;
+    }
     const uint64_t total = source.size_hint();
     uint64_t n = 0;
     Entry e;
@@ -179,8 +238,13 @@ Status Index::load(EntrySource& source, const LoadOptions& options) {
     while (source.next(&e, &bad)) {
       if (std::string p = box_problem(e.box, dims_); !p.empty())
         return Status::invalid(source.where() + ": " + p);
-      if (s = detail::insert_base_row(*this, ins, e, source.where()); !s) return s;
-      if (s = put(e); !s) return s;
+      if (!seen.insert(e.id)) {
+        Box stored;
+        const bool indexed = !options.replace && lookup(e.id, &stored).is_ok();
+        return Status::invalid(source.where() + ": duplicate rowid " + std::to_string(e.id) +
+                               (indexed ? " (already in index '" + name_ + "')" : " in the input"));
+      }
+      if (Status s = put(e); !s) return s;
       if (options.progress && ++n % 4096 == 0) options.progress("reading", n, total);
     }
     return bad;

@@ -1,6 +1,6 @@
 // Insertion and deletion of entries, each call one user operation: input
-// checked first, then one writing handle for the whole batch, the base table
-// kept in step with the tree, one flush, commit — or rollback of everything.
+// checked first, then one writing handle for the whole batch, one flush, the
+// rowid table brought up to date, commit — or rollback of everything.
 #include <sqlite3.h>
 
 #include <string>
@@ -30,11 +30,11 @@ Status check_new_entries(const Index& index, std::span<const Entry> entries) {
     if (!seen.insert(e.id).second)
       return Status::invalid(where + ": duplicate rowid " + std::to_string(e.id) + " in the input");
     Box stored;
-    bool found = false;
-    if (Status s = detail::read_base_box(index, e.id, &stored, &found); !s) return s;
+    Status found = index.lookup(e.id, &stored);
     if (found)
       return Status::invalid(where + ": duplicate rowid " + std::to_string(e.id) +
                              " (already in index '" + index.name() + "')");
+    if (found.kind() != Status::Kind::kNotFound) return found;
   }
   return Status::ok();
 }
@@ -51,12 +51,9 @@ Status Index::insert(std::span<const Entry> entries, const Progress& progress) {
   if (!op.begun()) return op.begun();
   detail::Handle handle(*this, detail::Handle::Mode::kWrite);
   if (!handle.created()) return handle.created();
-  detail::Stmt ins(*db_, detail::insert_base_sql(*this));
-  if (!ins.ok()) return detail::sql_failure(db_->db(), "preparing " + base_table());
   for (size_t i = 0; i < entries.size(); ++i) {
     const Entry& e = entries[i];
     const std::string where = entry_where(i, entries.size(), e.id);
-    if (Status s = detail::insert_base_row(*this, ins, e, where); !s) return s;
     const rtr_cell cell{e.id, to_rect(e.box)};
     const int32_t rc = rtr_insert(db_->env(), handle.get(), &cell);
     if (rc < 0) return detail::engine_failure(*db_, rc, "inserting " + where);
@@ -89,12 +86,6 @@ Status Index::remove(int64_t id) {
   const rtr_rect rect = to_rect(stored);
   const int32_t rc = rtr_delete_by_rowid(db_->env(), handle.get(), id, &rect);
   if (rc < 0) return detail::engine_failure(*db_, rc, "deleting rowid " + std::to_string(id));
-  detail::Stmt del(*db_,
-                   "DELETE FROM " + detail::qualified(schema_, base_table()) + " WHERE id = ?1");
-  if (!del.ok()) return detail::sql_failure(db_->db(), "preparing " + base_table());
-  del.bind(1, id);
-  if (del.step() != SQLITE_DONE)
-    return detail::sql_failure(db_->db(), "deleting rowid " + std::to_string(id));
   if (Status s = handle.flush(); !s) return s;
   return op.commit();
 }

@@ -1,7 +1,7 @@
-// Whole-tree reads for diagnosis: a walk over every node reachable from the
-// root (through the library's node cache, pins dropped at once), and the
-// library's debug print, which is only safe on a tree whose nodes can all be
-// read — so it walks first.
+// Whole-tree reads: a walk over every node reachable from the root (through
+// the library's node cache, pins dropped at once), every entry, the rowid
+// table held against the leaves, and the library's debug print, which is
+// only safe on a tree whose nodes can all be read — so it walks first.
 #include <algorithm>
 #include <cstdio>
 #include <unordered_set>
@@ -9,6 +9,7 @@
 
 #include "driver/index.h"
 #include "driver/internal.h"
+#include "driver/leaf_map.h"
 #include "zqrtree/cursor.h"
 #include "zqrtree/node.h"
 
@@ -21,8 +22,10 @@ struct Pending {
   uint32_t depth;
 };
 
-Status walk_with(const Index& index, rtr_mem* rtr,
-                 const std::function<void(const NodeView&)>& visit) {
+}  // namespace
+
+Status detail::walk_tree(const Index& index, rtr_mem* rtr,
+                         const std::function<void(const NodeView&)>& visit) {
   Database& db = *index.database();
   std::vector<Pending> todo{{RTR_ROOT_ID, 0}};
   std::unordered_set<int64_t> seen;
@@ -47,14 +50,12 @@ Status walk_with(const Index& index, rtr_mem* rtr,
   return Status::ok();
 }
 
-}  // namespace
-
 Status Index::walk(const std::function<void(const NodeView&)>& visit) const {
   detail::UserOp txn(*db_);
   if (!txn.begun()) return txn.begun();
   detail::Handle handle(*this, detail::Handle::Mode::kRead);
   if (!handle.created()) return handle.created();
-  if (Status s = walk_with(*this, handle.get(), visit); !s) return s;
+  if (Status s = detail::walk_tree(*this, handle.get(), visit); !s) return s;
   return txn.commit();
 }
 
@@ -63,7 +64,7 @@ Status Index::print() const {
   if (!txn.begun()) return txn.begun();
   detail::Handle handle(*this, detail::Handle::Mode::kRead);
   if (!handle.created()) return handle.created();
-  if (Status s = walk_with(*this, handle.get(), [](const NodeView&) {}); !s) return s;
+  if (Status s = detail::walk_tree(*this, handle.get(), [](const NodeView&) {}); !s) return s;
   std::fflush(stdout);
   // Every node the print visits stays pinned until the handle is destroyed.
   rtr_print(db_->env(), nullptr, RTR_ROOT_ID, 0, handle.get());
@@ -80,22 +81,37 @@ Status Index::with_read_handle(const std::function<Status(rtr_mem*)>& fn) const 
   return txn.commit();
 }
 
+Status Index::entries(const std::function<bool(const Entry&)>& visit) const {
+  bool more = true;
+  return walk([&](const NodeView& node) {
+    if (node.level != 0) return;
+    for (size_t i = 0; more && i < node.cells.size(); ++i)
+      more = visit(Entry{node.cells[i].id, from_rect(node.cells[i].rect, dims_)});
+  });
+}
+
 namespace {
 
-std::string first_difference(std::vector<Entry>& tree, const std::vector<Entry>& base, int dims) {
-  std::sort(tree.begin(), tree.end(), [](const Entry& a, const Entry& b) { return a.id < b.id; });
+struct Placed {
+  int64_t id;
+  int64_t leaf;
+  bool operator<(const Placed& o) const { return id < o.id || (id == o.id && leaf < o.leaf); }
+};
+
+std::string first_difference(std::vector<Placed>& tree, std::vector<Placed>& table) {
+  std::sort(tree.begin(), tree.end());
   size_t i = 0, j = 0;
-  while (i < tree.size() || j < base.size()) {
+  while (i < tree.size() || j < table.size()) {
     if (i + 1 < tree.size() && tree[i].id == tree[i + 1].id)
       return "rowid " + std::to_string(tree[i].id) + " is in the tree more than once";
-    if (j == base.size() || (i < tree.size() && tree[i].id < base[j].id))
-      return "rowid " + std::to_string(tree[i].id) + " is in the tree but not in the base table";
-    if (i == tree.size() || base[j].id < tree[i].id)
-      return "rowid " + std::to_string(base[j].id) + " is in the base table but not in the tree";
-    if (!(tree[i].box == base[j].box))
-      return "rowid " + std::to_string(base[j].id) + " has box " +
-             detail::describe_box(tree[i].box, dims) + " in the tree but " +
-             detail::describe_box(base[j].box, dims) + " in the base table";
+    if (j == table.size() || (i < tree.size() && tree[i].id < table[j].id))
+      return "rowid " + std::to_string(tree[i].id) + " is in the tree but not in the rowid table";
+    if (i == tree.size() || table[j].id < tree[i].id)
+      return "rowid " + std::to_string(table[j].id) + " is in the rowid table but not in the tree";
+    if (tree[i].leaf != table[j].leaf)
+      return "rowid " + std::to_string(table[j].id) + " is in node " +
+             std::to_string(tree[i].leaf) + " but the rowid table says node " +
+             std::to_string(table[j].leaf);
     ++i;
     ++j;
   }
@@ -104,19 +120,27 @@ std::string first_difference(std::vector<Entry>& tree, const std::vector<Entry>&
 
 }  // namespace
 
-Status Index::verify_base(std::string* problem) const {
-  std::vector<Entry> tree, base;
-  Status s = walk([&](const NodeView& node) {
+Status Index::verify_rowids(std::string* problem, rtr_mem* borrowed) const {
+  std::vector<Placed> tree, table;
+  auto leaves = [&](const NodeView& node) {
     if (node.level != 0) return;
-    for (const rtr_cell& c : node.cells) tree.push_back(Entry{c.id, from_rect(c.rect, dims_)});
-  });
+    for (const rtr_cell& c : node.cells) tree.push_back(Placed{c.id, node.id});
+  };
+  Status s = borrowed != nullptr ? detail::walk_tree(*this, borrowed, leaves) : walk(leaves);
   if (!s) return s;
-  s = scan_base([&](const Entry& e) {
-    base.push_back(e);
-    return true;
-  });
-  if (!s) return s;
-  *problem = first_difference(tree, base, dims_);
+  detail::Stmt st(db_->db(), "SELECT id, leaf FROM " + detail::qualified(schema_, rowid_table()) +
+                                 " ORDER BY id");
+  if (!st.ok()) return detail::sql_failure(db_->db(), "reading " + rowid_table());
+  int rc;
+  while ((rc = st.step()) == SQLITE_ROW) table.push_back(Placed{st.int64(0), st.int64(1)});
+  if (rc != SQLITE_DONE) return detail::sql_failure(db_->db(), "reading " + rowid_table());
+  if (detail::LeafMap* map = leaf_map(); map != nullptr && map->has_moves()) {
+    std::erase_if(table, [&](const Placed& p) { return map->moves().count(p.id) != 0; });
+    for (const auto& [id, leaf] : map->moves())
+      if (leaf != 0) table.push_back(Placed{id, leaf});
+    std::sort(table.begin(), table.end());
+  }
+  *problem = first_difference(tree, table);
   return Status::ok();
 }
 

@@ -5,7 +5,8 @@
 // and the insert-failure notice (slot 10).
 //
 // A row callback runs inside the caller's ptx: its raise point comes first,
-// then injected callback faults, then one statement step. A refused insertion
+// then injected callback faults, then the session's row observer (if any),
+// then one statement step. A refused insertion
 // (a constraint) is returned as -1509; any other SQLite failure raises.
 #include <algorithm>
 #include <climits>
@@ -170,6 +171,18 @@ int32_t enter(zq_ptx* ptx, zq_session* s, uint32_t slot) {
   return callback_fault(env, slot);
 }
 
+// Tells the session's row observer of a write about to happen; 0, or the
+// observer's refusal.
+int32_t observe(const Table* t, zq_row_event ev, int64_t rowid, const zq_recdesc* desc) {
+  zq_session* s = t->sess;
+  if (s->observer == nullptr) return 0;
+  ev.schema = t->schema.c_str();
+  ev.table = t->name.c_str();
+  ev.rowid = rowid;
+  ev.desc = desc;
+  return s->observer(s->observer_ctx, &ev);
+}
+
 // Fills one fill-info value from a record field.
 int32_t value_from_field(zq_env* env, zq_memobj* mem, const Field& f, zq_value* v, uint32_t* len) {
   std::memset(static_cast<void*>(v), 0, sizeof *v);
@@ -232,11 +245,16 @@ int32_t zqhost_rec_read_visible_version(zq_env* env, zq_memobj* scratch, zq_sess
 }
 
 int32_t zqhost_row_delete(zq_ptx* ptx, zq_session* session, zq_table* table, zq_index*,
-                          const zq_recdesc*, zq_key* key, uint16_t, uint64_t, const zq_nrec* rec) {
+                          const zq_recdesc* desc, zq_key* key, uint16_t, uint64_t,
+                          const zq_nrec* rec) {
   if (int32_t injected = zqhost::enter(ptx, session, zqhost::kSlotDelete)) return injected;
   Table* t = zqhost::table_of(table);
   int64_t rowid = rec != nullptr ? zqhost::rec_of(rec)->rowid : zqhost::key_rowid(key);
   return zqhost::guarded(ptx, [&] {
+    zq_row_event ev{};
+    ev.change = ZQ_ROW_DELETE;
+    ev.rec = rec;
+    if (int32_t refused = zqhost::observe(t, ev, rowid, desc)) return refused;
     int rc = SQLITE_OK;
     sqlite3_stmt* st = zqhost::delete_stmt(t, &rc);
     if (st == nullptr) {
@@ -254,6 +272,10 @@ int32_t zqhost_row_insert(zq_ptx* ptx, zq_session* session, zq_table* table, zq_
   Table* t = zqhost::table_of(table);
   int64_t rowid = key != nullptr ? zqhost::key_rowid(key) : row->cols[row->n_cols - 1].u.i64;
   return zqhost::guarded(ptx, [&] {
+    zq_row_event ev{};
+    ev.change = ZQ_ROW_INSERT;
+    ev.row = row;
+    if (int32_t refused = zqhost::observe(t, ev, rowid, desc)) return refused;
     int rc = SQLITE_OK;
     sqlite3_stmt* st = zqhost::insert_stmt(t, &rc);
     if (st == nullptr) {
@@ -270,7 +292,7 @@ int32_t zqhost_row_insert(zq_ptx* ptx, zq_session* session, zq_table* table, zq_
 
 int32_t zqhost_row_update_fixed(zq_ptx* ptx, zq_session* session, zq_table* table, zq_index*,
                                 const zq_recdesc* desc, zq_key* key, zq_fillinfo* new_values,
-                                zq_fillinfo*, uint16_t, uint64_t, nbtr_cur*) {
+                                zq_fillinfo* old_values, uint16_t, uint64_t, nbtr_cur*) {
   if (int32_t injected = zqhost::enter(ptx, session, zqhost::kSlotFixed)) return injected;
   Table* t = zqhost::table_of(table);
   zqhost::Update u;
@@ -280,6 +302,11 @@ int32_t zqhost_row_update_fixed(zq_ptx* ptx, zq_session* session, zq_table* tabl
     }
   }
   return zqhost::guarded(ptx, [&] {
+    zq_row_event ev{};
+    ev.change = ZQ_ROW_UPDATE;
+    ev.new_values = new_values;
+    ev.old_values = old_values;
+    if (int32_t refused = zqhost::observe(t, ev, zqhost::key_rowid(key), desc)) return refused;
     return zqhost::run_update(t, ptx, desc, zqhost::key_rowid(key), u, "zqhost_row_update_fixed");
   });
 }
@@ -297,8 +324,18 @@ int32_t zqhost_row_update_unfixed(zq_ptx* ptx, zq_session* session, zq_table* ta
     }
   }
   return zqhost::guarded(ptx, [&] {
+    zq_row_event ev{};
+    ev.change = ZQ_ROW_UPDATE;
+    ev.row = new_row;
+    ev.old_values = old_values;
+    if (int32_t refused = zqhost::observe(t, ev, zqhost::key_rowid(key), desc)) return refused;
     return zqhost::run_update(t, ptx, desc, zqhost::key_rowid(key), u, "zqhost_row_update_unfixed");
   });
+}
+
+void zqsess_set_row_observer(zq_session* session, zq_row_observer_fn fn, void* ctx) {
+  session->observer = fn;
+  session->observer_ctx = ctx;
 }
 
 void zqhost_row_insert_failed(zq_env* env, int32_t code) {

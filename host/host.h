@@ -104,6 +104,32 @@ uint64_t zqsess_undo_mark(const zq_session* session, const char* schema, const c
 int32_t zqsess_undo_rollback(zq_session* session, const char* schema, const char* table,
                              uint64_t mark);
 
+/* Row observer: a function of the program's that the default row callbacks
+ * call before each row they write to any table of the session, with what
+ * they were given, so the program can keep structures of its own in step
+ * with a table. It runs inside the caller's mini-transaction; a negative
+ * return fails the write with that code before anything is written. What it
+ * records is only as final as the mini-transaction and the transaction
+ * around it: a program that rolls them back forgets what it recorded. */
+typedef enum zq_row_change {
+  ZQ_ROW_INSERT = 1,
+  ZQ_ROW_UPDATE = 2, /* `row` set: a rewrite; else an in-place update of `new_values` */
+  ZQ_ROW_DELETE = 3
+} zq_row_change;
+typedef struct zq_row_event {
+  zq_row_change change;
+  const char* schema; /* the table's database */
+  const char* table;
+  int64_t rowid;
+  const zq_recdesc* desc;
+  const zq_row* row;              /* insert: the row; rewrite: the new row */
+  const zq_fillinfo* new_values;  /* in-place update: the listed columns' new values */
+  const zq_fillinfo* old_values;  /* update: the changed columns' old values */
+  const zq_nrec* rec;             /* delete: the row's record, or null */
+} zq_row_event;
+typedef int32_t (*zq_row_observer_fn)(void* ctx, const zq_row_event* event);
+void zqsess_set_row_observer(zq_session* session, zq_row_observer_fn fn, void* ctx);
+
 /* Creates the empty node table "MDRT$" + index_name in `schema`, with the
  * columns level, parent_id, cells, the system column and the rowid. */
 int32_t zqsess_create_node_table(zq_session* session, const char* schema, const char* index_name);

@@ -388,6 +388,9 @@ struct zq_session {
 
   std::map<std::string, std::unique_ptr<zqhost::UndoLog>>
       undo;  // tracked tables, by schema '\0' name
+
+  zq_row_observer_fn observer = nullptr;  // told of every row the default callbacks write
+  void* observer_ctx = nullptr;
 };
 
 namespace zqhost {

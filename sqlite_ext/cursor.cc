@@ -1,11 +1,12 @@
 // Scans: xOpen, xFilter (runs the plan xBestIndex chose), xNext, xEof,
 // xColumn, xRowid, xClose.
 //
-// The rowid and full-scan plans read the base table, which always holds the
-// current rows. The search plans walk the tree through the driver's Scan
-// (every hit rechecked on all axes); in deferred mode they skip hits whose
-// rowid has a pending change and then add the matching pending inserts.
-// Phases in order: kBase, or kTree then kPending; kDone at the end.
+// The rowid plan reads the one row of its rowid (find_row). The search plans,
+// and the full scan as a search that every entry matches, walk the tree
+// through the driver's Scan (every hit rechecked on all axes); in deferred
+// mode they skip hits whose rowid has a pending change and then add the
+// matching pending inserts.
+// Phases in order: kRow, or kTree then kPending; kDone at the end.
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
@@ -19,31 +20,13 @@ namespace zqext {
 namespace {
 
 struct Cursor : sqlite3_vtab_cursor {
-  enum class Phase { kBase, kTree, kPending, kDone };
+  enum class Phase { kRow, kTree, kPending, kDone };
 
   explicit Cursor(Table* t) : table(t) {}
-  ~Cursor() {
-    give_back_base();
-    sqlite3_value_free(op_arg);
-  }
-  // A base-table read goes back to the table for the next scan: preparing
-  // it costs more than a point read itself.
-  void give_back_base() {
-    sqlite3_stmt* st = base.release();
-    if (st == nullptr) return;
-    sqlite3_reset(st);
-    sqlite3_clear_bindings(st);
-    if (table->idle_reads.size() < kIdleReads)
-      table->idle_reads.emplace_back(base_sql, st);
-    else
-      sqlite3_finalize(st);
-  }
-  static constexpr size_t kIdleReads = 4;
+  ~Cursor() { sqlite3_value_free(op_arg); }
 
   Table* table;
   Phase phase = Phase::kDone;
-  Stmt base;
-  std::string base_sql;
   HandleRef handle;  // the kept handle the scan reads through
   std::unique_ptr<zq::Scan> scan;
   std::unique_ptr<PendingScan> pending;
@@ -76,60 +59,24 @@ bool numeric(sqlite3_value* v, double* out) {
   return true;
 }
 
-std::string base_select(const Table& t) {
-  std::string cols = "id";
-  for (int k = 0; k < t.dims(); ++k)
-    cols += ", min" + std::to_string(k) + ", max" + std::to_string(k);
-  return "SELECT " + cols + " FROM " + quote(t.index.schema()) + "." + quote(t.index.base_table());
-}
-
-int step_base(Cursor* c) {
-  const int rc = c->base.step();
-  if (rc == SQLITE_DONE) {
-    c->phase = Cursor::Phase::kDone;
+int start_rowid(Cursor* c, sqlite3_value* arg) {
+  // Only an integral number within int64 can equal a rowid. An integer is
+  // taken as it is: through a double the largest rowids would round away.
+  int64_t id = 0;
+  double v = 0;
+  if (!numeric(arg, &v)) return SQLITE_OK;
+  if (sqlite3_value_numeric_type(arg) == SQLITE_INTEGER) {
+    id = sqlite3_value_int64(arg);
+  } else if (v == std::floor(v) && v >= -0x1p63 && v < 0x1p63) {
+    id = static_cast<int64_t>(v);
+  } else {
     return SQLITE_OK;
   }
-  if (rc != SQLITE_ROW)
-    return cursor_fail(
-        c, std::string("reading the base table: ") + sqlite3_errmsg(c->table->conn->db));
-  c->entry.id = c->base.int64(0);
-  for (int k = 0; k < c->table->dims(); ++k) {
-    c->entry.box.min[k] = c->base.real(1 + 2 * k);
-    c->entry.box.max[k] = c->base.real(2 + 2 * k);
-  }
+  bool found = false;
+  if (zq::Status s = find_row(c->table, id, &c->entry, &found); !s)
+    return cursor_fail(c, s.message());
+  if (found) c->phase = Cursor::Phase::kRow;
   return SQLITE_OK;
-}
-
-int start_base(Cursor* c, const Plan& plan, sqlite3_value** argv) {
-  const std::string sql =
-      base_select(*c->table) + (plan.kind == Plan::kRowid ? " WHERE id = ?1" : " ORDER BY id");
-  auto& idle = c->table->idle_reads;
-  auto kept = std::find_if(idle.begin(), idle.end(), [&](const auto& p) { return p.first == sql; });
-  c->base_sql = sql;
-  if (kept != idle.end()) {
-    c->base.adopt(kept->second);
-    idle.erase(kept);
-  } else if (c->base.prepare(c->table->conn->db, sql) != SQLITE_OK) {
-    return cursor_fail(
-        c, std::string("reading the base table: ") + sqlite3_errmsg(c->table->conn->db));
-  }
-  if (plan.kind == Plan::kRowid) {
-    // Only an integral number within int64 can equal a rowid. An integer is
-    // taken as it is: through a double the largest rowids would round away.
-    int64_t id = 0;
-    double v = 0;
-    if (!numeric(argv[0], &v)) return SQLITE_OK;
-    if (sqlite3_value_numeric_type(argv[0]) == SQLITE_INTEGER) {
-      id = sqlite3_value_int64(argv[0]);
-    } else if (v == std::floor(v) && v >= -0x1p63 && v < 0x1p63) {
-      id = static_cast<int64_t>(v);
-    } else {
-      return SQLITE_OK;
-    }
-    c->base.bind(1, id);
-  }
-  c->phase = Cursor::Phase::kBase;
-  return step_base(c);
 }
 
 // The box and operator of a table-valued search, as the user gave them.
@@ -274,7 +221,7 @@ int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_va
   c->scan.reset();
   c->handle.reset();
   c->pending.reset();
-  c->give_back_base();
+  c->phase = Cursor::Phase::kDone;
   sqlite3_value_free(c->op_arg);
   c->op_arg = nullptr;
   c->has_args = false;
@@ -284,8 +231,10 @@ int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_va
   zqenv_err_clear(t->conn->database().env());
   switch (plan.kind) {
     case Plan::kScan:
+      c->op = RTR_OP_ANY;
+      return start_tree(c);
     case Plan::kRowid:
-      return start_base(c, plan, argv);
+      return start_rowid(c, argv[0]);
     case Plan::kQuery:
       if (int rc = read_query_args(c, argv); rc != SQLITE_OK) return rc;
       return start_tree(c);
@@ -302,8 +251,9 @@ int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_va
 int x_next(sqlite3_vtab_cursor* cur) {
   Cursor* c = cursor_of(cur);
   switch (c->phase) {
-    case Cursor::Phase::kBase:
-      return step_base(c);
+    case Cursor::Phase::kRow:
+      c->phase = Cursor::Phase::kDone;
+      return SQLITE_OK;
     case Cursor::Phase::kTree:
       if (zq::Status s = c->scan->next(); !s) return cursor_fail(c, s.message());
       return settle(c);

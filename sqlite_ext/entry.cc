@@ -136,7 +136,6 @@ std::string Conn::refresh() {
     t->pending = nullptr;
     t->txn.discard();
     t->reader.drop();
-    std::fill(std::begin(t->base_stmts), std::end(t->base_stmts), nullptr);
   }
   database_.reset();
   if (std::string err = open(); !err.empty()) return err;

@@ -70,11 +70,6 @@ struct Table : sqlite3_vtab {
   zq_tmptab* pending = nullptr;      // the host's table of pending changes, once needed
   bool pending_made_in_txn = false;  // made inside the open transaction
   bool pending_stale = false;        // a rollback took that transaction's DDL away
-  // The change path's base-table statements (write.cc), kept by the
-  // Database: null until first used, and again once the Database is replaced.
-  sqlite3_stmt* base_stmts[4] = {};
-  // Base-table reads of finished scans, prepared and kept for the next scan.
-  std::vector<std::pair<std::string, sqlite3_stmt*>> idle_reads;
   TreeTxn txn{&index};        // the open transaction's changes to the tree
   ReadHandle reader{&index};  // searches outside a write transaction
 
@@ -152,12 +147,23 @@ zq::Status create_index(Conn* conn, const std::string& schema, const std::string
 // Removes the index's tables, for xDestroy.
 zq::Status drop_index(Conn* conn, const zq::Index& index);
 
+// ---- rows.cc: what a rowid holds now ----
+
+// The current row of `id`, whichever of the work list of deferred changes,
+// the open transaction or the index holds it; found false when none does.
+zq::Status find_row(Table* t, int64_t id, zq::Entry* entry, bool* found);
+// The largest rowid in use (0 when none), for an INSERT without one.
+zq::Status top_rowid(Table* t, int64_t* top);
+
 // ---- pending.cc: deferred mode ----
 
 zq::Status set_deferred(Table* t, bool on);
 // The host's table of pending changes of a deferred table, made (and filled
 // from the work list) when missing or stale.
 zq::Status ensure_pending(Table* t);
+// What the work list says of `id`: -1 untouched, 0 deleted, 1 live with its
+// box in *box; -1 with *status failed on a failure.
+int pending_row(Table* t, int64_t id, zq::Box* box, zq::Status* status);
 // 1 when a tree hit of `id` is stale (the row was deleted or changed since the
 // tree last took changes), 0 when not, or a failure in *status.
 int pending_deleted(Table* t, int64_t id, zq::Status* status);

@@ -2,21 +2,22 @@
 // (xSync) or zqrtree_apply is called.
 //
 // Two records of a waiting change, both TEMP tables inside the caller's
-// transaction, so a rollback undoes them together with the base table:
+// transaction, so a rollback undoes them together:
 //  - the host's table of pending changes, which scans read through the
 //    library: 'D' rowid -> the tree's entry of that rowid is stale,
 //    'I' rowid -> the row's current box, not in the tree yet;
 //  - temp.zqrtree_touched, one row per rowid changed since the tree last
-//    took changes, with the tree's box of it if the tree holds one: the
-//    work list of the apply, which the host's table cannot be walked for.
-// The base table always holds the current rows. A rowid never touched has
-// the same box in the tree as in the base table; a touched rowid that exists
+//    took changes, with the tree's box of it if the tree holds one and its
+//    current box if it still exists: the work list of the apply, which the
+//    host's table cannot be walked for.
+// A rowid never touched is as the tree holds it; a touched rowid that exists
 // has a live 'I' row.
 //
 // Call order: set_deferred(on) -> (defer_insert | defer_remove)* and scans
 // (pending_deleted, PendingScan) -> apply_pending -> set_deferred(off).
 #include <string>
 
+#include "driver/leaf_map.h"
 #include "sqlite_ext/ext.h"
 #include "sqlite_ext/handle.h"
 #include "zqrtree/errors.h"
@@ -33,18 +34,22 @@ std::string create_touched(sqlite3* db) {
   return exec(db, std::string("CREATE TEMP TABLE IF NOT EXISTS ") + kTouched +
                       " (tab TEXT NOT NULL, rid INTEGER NOT NULL, in_tree INTEGER NOT NULL, "
                       "min0 REAL, min1 REAL, min2 REAL, max0 REAL, max1 REAL, max2 REAL, "
-                      "UNIQUE (tab, rid))");
+                      "live INTEGER NOT NULL, cmin0 REAL, cmin1 REAL, cmin2 REAL, "
+                      "cmax0 REAL, cmax1 REAL, cmax2 REAL, UNIQUE (tab, rid))");
 }
 
 struct Touched {
   bool found = false;
   bool in_tree = false;
   zq::Box tree_box;
+  bool live = false;
+  zq::Box box;  // the current box, when live
 };
 
 zq::Status read_touched(Table* t, int64_t id, Touched* out) {
   sqlite3* db = t->conn->db;
-  Stmt st(db, std::string("SELECT in_tree, min0, min1, min2, max0, max1, max2 FROM temp.") +
+  Stmt st(db, std::string("SELECT in_tree, min0, min1, min2, max0, max1, max2, live, cmin0, "
+                          "cmin1, cmin2, cmax0, cmax1, cmax2 FROM temp.") +
                   kTouched + " WHERE tab = ?1 AND rid = ?2");
   if (!st.ok())
     return zq::Status::io(std::string("reading the pending changes: ") + sqlite3_errmsg(db));
@@ -54,21 +59,35 @@ zq::Status read_touched(Table* t, int64_t id, Touched* out) {
   if (rc != SQLITE_ROW) return zq::Status::ok();
   out->found = true;
   out->in_tree = st.int64(0) != 0;
+  out->live = st.int64(7) != 0;
   for (int k = 0; k < 3; ++k) {
     out->tree_box.min[k] = st.real(1 + k);
     out->tree_box.max[k] = st.real(4 + k);
+    out->box.min[k] = st.real(8 + k);
+    out->box.max[k] = st.real(11 + k);
   }
   return zq::Status::ok();
 }
 
-zq::Status write_touched(Table* t, int64_t id, bool in_tree, const zq::Box& box) {
+// Records the rowid's current state; the tree's box is kept from the first
+// change since the tree last took changes.
+zq::Status write_touched(Table* t, int64_t id, bool in_tree, const zq::Box& tree_box, bool live,
+                         const zq::Box& box) {
   sqlite3* db = t->conn->db;
   Stmt st(db, std::string("INSERT INTO temp.") + kTouched +
-                  " (tab, rid, in_tree, min0, min1, min2, max0, max1, max2) VALUES (?1, ?2, ?3, "
-                  "?4, ?5, ?6, ?7, ?8, ?9)");
+                  " (tab, rid, in_tree, min0, min1, min2, max0, max1, max2, live, cmin0, cmin1, "
+                  "cmin2, cmax0, cmax1, cmax2) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, "
+                  "?11, ?12, ?13, ?14, ?15, ?16) ON CONFLICT (tab, rid) DO UPDATE SET live = "
+                  "excluded.live, cmin0 = excluded.cmin0, cmin1 = excluded.cmin1, cmin2 = "
+                  "excluded.cmin2, cmax0 = excluded.cmax0, cmax1 = excluded.cmax1, cmax2 = "
+                  "excluded.cmax2");
   if (st.ok()) {
     st.bind(1, t->key()).bind(2, id).bind(3, static_cast<int64_t>(in_tree ? 1 : 0));
-    for (int k = 0; k < 3; ++k) st.bind(4 + k, box.min[k]).bind(7 + k, box.max[k]);
+    st.bind(10, static_cast<int64_t>(live ? 1 : 0));
+    for (int k = 0; k < 3; ++k) {
+      st.bind(4 + k, tree_box.min[k]).bind(7 + k, tree_box.max[k]);
+      st.bind(11 + k, box.min[k]).bind(14 + k, box.max[k]);
+    }
   }
   if (!st.ok() || st.step() != SQLITE_DONE)
     return zq::Status::io(std::string("recording a pending change: ") + sqlite3_errmsg(db));
@@ -113,29 +132,30 @@ zq_btr* pending_btr(Table* t) {
 zq::Status defer_remove(Table* t, int64_t id, const zq::Box& box) {
   Touched w;
   if (zq::Status s = read_touched(t, id, &w); !s) return s;
+  if (zq::Status s = write_touched(t, id, !w.found, box, false, zq::Box{}); !s) return s;
   if (w.found) return mark_deleted(t, 'I', id);  // it came from a pending insert
   // First change of a row the tree holds with exactly this box.
-  if (zq::Status s = write_touched(t, id, true, box); !s) return s;
   return put(t, 'D', id, box);
 }
 
 zq::Status defer_insert(Table* t, const zq::Entry& entry) {
-  Touched w;
-  if (zq::Status s = read_touched(t, entry.id, &w); !s) return s;
-  if (!w.found)
-    if (zq::Status s = write_touched(t, entry.id, false, zq::Box{}); !s) return s;
+  if (zq::Status s = write_touched(t, entry.id, false, zq::Box{}, true, entry.box); !s) return s;
   return put(t, 'I', entry.id, entry.box);
+}
+
+int pending_row(Table* t, int64_t id, zq::Box* box, zq::Status* status) {
+  Touched w;
+  if (*status = read_touched(t, id, &w); !*status || !w.found) return -1;
+  *box = w.box;
+  return w.live ? 1 : 0;
 }
 
 zq::Status resync_pending(Table* t, int64_t id) {
   Touched w;
   if (zq::Status s = read_touched(t, id, &w); !s) return s;
-  zq::Box box;
-  zq::Status found = t->index.lookup(id, &box);
-  if (!found && found.kind() != zq::Status::Kind::kNotFound) return found;
   zq::Status s = w.found && w.in_tree ? put(t, 'D', id, w.tree_box) : withdraw(t, 'D', id);
   if (!s) return s;
-  return w.found && found ? put(t, 'I', id, box) : withdraw(t, 'I', id);
+  return w.found && w.live ? put(t, 'I', id, w.box) : withdraw(t, 'I', id);
 }
 
 std::string watch_pending(Table* t) {
@@ -172,28 +192,23 @@ zq::Status move_into_tree(Table* t, uint64_t* applied) {
                             "applying the delete of rowid " + std::to_string(gone.int64(0)));
   }
   if (rc != SQLITE_DONE) return sql_failure(sql, "reading the pending deletes");
-  std::string cols;
-  for (int k = 0; k < t->dims(); ++k)
-    cols += ", b.min" + std::to_string(k) + ", b.max" + std::to_string(k);
-  Stmt come(sql, "SELECT w.rid" + cols + " FROM temp." + std::string(kTouched) + " AS w JOIN " +
-                     quote(t->index.schema()) + "." + quote(t->index.base_table()) +
-                     " AS b ON b.id = w.rid WHERE w.tab = ?1");
+  Stmt come(sql, std::string("SELECT rid, cmin0, cmin1, cmin2, cmax0, cmax1, cmax2 FROM temp.") +
+                     kTouched + " WHERE tab = ?1 AND live = 1");
   if (!come.ok()) return sql_failure(sql, "reading the pending inserts");
   come.bind(1, t->key());
   *applied = 0;
   while ((rc = come.step()) == SQLITE_ROW) {
-    zq::Box box;
-    for (int k = 0; k < t->dims(); ++k) {
-      box.min[k] = come.real(1 + 2 * k);
-      box.max[k] = come.real(2 + 2 * k);
-    }
-    const rtr_cell cell{come.int64(0), zq::to_rect(box)};
+    const rtr_rect rect{come.real(1), come.real(2), come.real(3),
+                        come.real(4), come.real(5), come.real(6)};
+    const rtr_cell cell{come.int64(0), rect};
     const int32_t code = rtr_insert(db.env(), h.get(), &cell);
     if (code < 0)
       return engine_failure(db, code, "applying the insert of rowid " + std::to_string(cell.id));
   }
   if (rc != SQLITE_DONE) return sql_failure(sql, "reading the pending inserts");
   if (zq::Status s = h.flush(); !s) return s;
+  if (zq::detail::LeafMap* map = t->index.leaf_map())
+    if (zq::Status s = map->apply(); !s) return s;
   Stmt done(sql, std::string("DELETE FROM temp.") + kTouched + " WHERE tab = ?1");
   if (!done.ok() || done.bind(1, t->key()).step() != SQLITE_DONE)
     return sql_failure(sql, "clearing the applied changes");
@@ -209,15 +224,23 @@ zq::Status apply_pending(Table* t, uint64_t* applied, bool journaled) {
   *applied = 0;
   if (!has_pending(*t)) return zq::Status::ok();
   if (zq::Status s = ensure_pending(t); !s) return s;
-  if (!journaled) return move_into_tree(t, applied);
+  if (!journaled) {
+    // A failure fails the commit, which takes the rows back; the moves the
+    // rowid table was told of go with them.
+    zq::Status s = move_into_tree(t, applied);
+    if (zq::detail::LeafMap* map = t->index.leaf_map(); !s && map != nullptr) map->forget();
+    return s;
+  }
   Journal& journal = t->conn->journal;
-  if (std::string err = journal.watch(t->index.schema(), t->index.node_table()); !err.empty())
-    return zq::Status::io(err);
+  for (const std::string& table : {t->index.node_table(), t->index.rowid_table()})
+    if (std::string err = journal.watch(t->index.schema(), table); !err.empty())
+      return zq::Status::io(err);
   if (std::string err = watch_pending(t); !err.empty()) return zq::Status::io(err);
   Journal::Op op(journal);
   if (!op.begun().empty()) return zq::Status::io(op.begun());
   zq::Status s = move_into_tree(t, applied);
   if (!s) {
+    if (zq::detail::LeafMap* map = t->index.leaf_map()) map->forget();
     // The host's table is cleared last, so a failure leaves it as it was.
     if (std::string err = op.rollback(); !err.empty())
       return zq::Status::io(s.message() + "; restoring the tables failed as well: " + err);

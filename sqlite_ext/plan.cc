@@ -4,13 +4,13 @@
 // table-valued search's operator such as "zqrtree:or(within|equal)").
 //
 //   kQuery  t('op', min0, max0, ...): every hidden argument bound by equality
-//   kRowid  rowid = ? or id = ?: one base-table row
+//   kRowid  rowid = ? or id = ?: one row
 //   kRange  comparisons on coordinate columns: an INTERSECT search whose box
 //           has each side bounded by one constraint (open sides at the
 //           extremes of the doubles). The search answers `max_k >= v` and
 //           `min_k <= v` exactly, so SQLite is told to skip those; it still
 //           tests every other constraint on the rows found
-//   kScan   the whole base table in rowid order
+//   kScan   every entry, in the tree's order
 //
 // idxNum: bits 0-3 the plan, bits 4-9 the bounded sides of a kRange box (bit
 // 2k: axis k from below, 2k+1: from above; one argument each, in bit order),
@@ -156,9 +156,6 @@ void plan_scan(sqlite3_index_info* info) {
   set_idx_str(info, "FULLSCAN");
   info->estimatedCost = kScanRows;
   info->estimatedRows = static_cast<sqlite3_int64>(kScanRows);
-  // The base table is read in rowid order.
-  if (info->nOrderBy == 1 && (info->aOrderBy[0].iColumn <= 0) && !info->aOrderBy[0].desc)
-    info->orderByConsumed = 1;
 }
 
 }  // namespace

@@ -144,7 +144,6 @@ int init_table(bool create, sqlite3* db, void* aux, int argc, const char* const*
 void release_table(Table* t) {
   Conn* conn = t->conn;
   if (t->pending != nullptr) zqtmp_drop(conn->database().session(), t->pending);
-  for (auto& [sql, st] : t->idle_reads) sqlite3_finalize(st);
   auto it = conn->tables.find(t->key());
   if (it != conn->tables.end() && it->second == t) conn->tables.erase(it);
   delete t;
@@ -195,12 +194,12 @@ int x_rename(sqlite3_vtab* vtab, const char*) {
   Table* t = static_cast<Table*>(vtab);
   return fail(vtab,
               failure(*t, "cannot be renamed: its node table " + quote(t->index.node_table()) +
-                              " and base table " + quote(t->index.base_table()) +
+                              " and rowid table " + quote(t->index.rowid_table()) +
                               " carry its name; create a new table and load it instead"));
 }
 
 int x_shadow_name(const char* suffix) {
-  return std::strcmp(suffix, "boxes") == 0 ? 1 : 0;
+  return std::strcmp(suffix, "rowid") == 0 ? 1 : 0;
 }
 
 Table* find_table(Conn* conn, const std::string& qualified_name, std::string* error) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string>
 
+#include "driver/leaf_map.h"
 #include "host/host.h"
 #include "sqlite_ext/handle.h"
 #include "zqrtree/tree.h"
@@ -78,12 +79,42 @@ zq::Status TreeTxn::ready() {
   return zq::Status::ok();
 }
 
+void TreeTxn::push(bool insert, const zq::Entry& entry) {
+  ops_.push_back(Op{insert, entry});
+  last_[entry.id] = ops_.size() - 1;
+  if (insert) top_ = std::max(top_, entry.id);
+}
+
+void TreeTxn::shorten(size_t length) {
+  if (length >= ops_.size()) return;
+  ops_.resize(length);
+  // A rowid whose last change went may have an earlier one that stays.
+  last_.clear();
+  top_ = INT64_MIN;
+  for (size_t i = 0; i < ops_.size(); ++i) {
+    last_[ops_[i].entry.id] = i;
+    if (ops_[i].insert) top_ = std::max(top_, ops_[i].entry.id);
+  }
+}
+
+int TreeTxn::changed(int64_t id, zq::Entry* entry) const {
+  auto it = last_.find(id);
+  if (it == last_.end()) return -1;
+  const Op& op = ops_[it->second];
+  if (op.insert) *entry = op.entry;
+  return op.insert ? 1 : 0;
+}
+
+void TreeTxn::forget_moves() {
+  if (zq::detail::LeafMap* map = index_->leaf_map()) map->forget();
+}
+
 zq::Status TreeTxn::change(const zq::Entry* old_entry, const zq::Entry* new_entry) {
   if (zq::Status s = ready(); !s) return s;
   const size_t before = ops_.size();
   for (const zq::Entry* e : {old_entry, new_entry}) {
     if (e == nullptr) continue;
-    ops_.push_back(Op{e == new_entry, *e});
+    push(e == new_entry, *e);
     if (zq::Status s = apply(ops_.back()); !s) {
       zq::Status undone = revert(before);
       if (undone) return s;
@@ -106,7 +137,8 @@ zq::Status TreeTxn::revert(size_t length) {
   rtr_.reset();
   applied_ = 0;
   written_ = 0;
-  ops_.resize(std::min(length, ops_.size()));
+  forget_moves();
+  shorten(length);
   if (rc < 0) return engine_failure(db(), rc, "restoring the node table");
   return zq::Status::ok();
 }
@@ -137,8 +169,12 @@ zq::Status TreeTxn::trim() {
   if (zq::Status s = checkpoint(); !s) return s;
   // No savepoint reaches back past this point and SQLite rolls a whole
   // transaction back itself, so what was written is the new starting point.
+  if (zq::detail::LeafMap* map = index_->leaf_map())
+    if (zq::Status s = map->apply(); !s) return s;
   track(false);
   ops_.clear();
+  last_.clear();
+  top_ = INT64_MIN;
   written_ = 0;
   applied_ = 0;
   return zq::Status::ok();
@@ -154,16 +190,20 @@ zq::Status TreeTxn::flush() {
     const int32_t rc = rtr_flush_all(db().env(), rtr_.get());
     if (rc < 0) s = engine_failure(db(), rc, "writing back the changed nodes");
   }
+  if (zq::detail::LeafMap* map = index_->leaf_map(); s && map != nullptr) s = map->apply();
   discard();
   return s;
 }
 
 void TreeTxn::discard() {
+  if (active()) forget_moves();
   rtr_.reset();
   applied_ = 0;
   written_ = 0;
   track(false);
   ops_.clear();
+  last_.clear();
+  top_ = INT64_MIN;
   marks_.clear();
 }
 

@@ -15,8 +15,10 @@
  *     and the next use replays the list into a new handle.
  * Savepoints (SQLite's statement savepoints and the user's) mark a length of
  * the change list; a long list with no savepoint open is written out and
- * started afresh (trim()). The base table is SQLite's to roll back, except for a
- * single failed row change, which the caller restores itself.
+ * started afresh (trim()). The list also answers, for the rowids the
+ * transaction changed, what they hold now; the index's rowid table (with the
+ * leaf moves its handle's writes recorded) answers for all others, and gets
+ * those moves when the handle is flushed at commit.
  *
  * Call order: change()* and handle() for reads, with savepoint(n),
  * release(n), rollback_to(n), checkpoint() in between -> flush() at xSync, or
@@ -32,8 +34,10 @@
 #define ZQ_SQLITE_EXT_TREE_TXN_H
 
 #include <cstddef>
+#include <climits>
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "driver/index.h"
@@ -58,6 +62,11 @@ class TreeTxn {
   // Takes back the changes after the first `length` of the list.
   zq::Status revert(size_t length);
   size_t length() const { return ops_.size(); }
+  // What the transaction did last to `id`: 1 inserted (*entry gets it), 0
+  // deleted, -1 nothing.
+  int changed(int64_t id, zq::Entry* entry) const;
+  // The largest rowid the transaction inserted (INT64_MIN: none).
+  int64_t top_inserted() const { return top_; }
   bool active() const { return rtr_ != nullptr || !ops_.empty(); }
   // The handle holding the transaction's changes, for searches inside it;
   // null (with status ok) when the transaction has changed nothing.
@@ -85,6 +94,9 @@ class TreeTxn {
     size_t length;
   };
   zq::Status ready();  // a handle holding every listed change
+  void push(bool insert, const zq::Entry& entry);
+  void shorten(size_t length);
+  void forget_moves();
   zq::Status apply(const Op& op);
   void track(bool on);
   zq::Database& db() const { return *index_->database(); }
@@ -95,6 +107,8 @@ class TreeTxn {
   size_t applied_ = 0;  // how many listed changes the node table and handle hold
   size_t written_ = 0;  // how many listed changes the node table holds
   std::vector<Op> ops_;
+  std::unordered_map<int64_t, size_t> last_;  // rowid -> its last change in ops_
+  int64_t top_ = INT64_MIN;
   std::vector<Mark> marks_;
 };
 

@@ -3,14 +3,11 @@
 //
 // The driver's user operations open a host transaction of their own, which a
 // running statement does not allow, so changes go through the table's
-// TreeTxn instead: input checked first, then
-//   TreeTxn::change (the transaction's one writing handle) -> base-table rows
-//   through statements prepared once per connection,
-// and a failed base-table write takes the tree change back (TreeTxn::revert)
-// and restores what the row change had already written. The tree reaches the
-// node table when the transaction commits (xSync). In deferred mode the tree
-// is left alone, the change is recorded as pending, and the undo journal
-// keeps the work list and base table whole.
+// TreeTxn instead: input checked first, then TreeTxn::change (the
+// transaction's one writing handle). The tree reaches the node table, and
+// the rowid table learns where its entries went, when the transaction
+// commits (xSync). In deferred mode the tree is left alone, the change is
+// recorded as pending, and the undo journal keeps the work list whole.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -30,61 +27,6 @@ namespace {
 
 constexpr const char* kCatalog = "zqrtree_catalog";
 
-std::string base_name(const zq::Index& index) {
-  return quote(index.schema()) + "." + quote(index.base_table());
-}
-
-// The change path's statements on the base table, prepared once per
-// connection and kept in the table by kind.
-enum BaseStmt { kLookup, kInsert, kDelete, kTop };
-
-std::string base_sql(const zq::Index& index, BaseStmt kind) {
-  std::string cols, params = "?1";
-  for (int k = 0; k < index.dims(); ++k) {
-    cols += ", min" + std::to_string(k) + ", max" + std::to_string(k);
-    params += ", ?" + std::to_string(2 * k + 2) + ", ?" + std::to_string(2 * k + 3);
-  }
-  switch (kind) {
-    case kLookup:
-      return "SELECT " + cols.substr(2) + " FROM " + base_name(index) + " WHERE id = ?1";
-    case kInsert:
-      return "INSERT INTO " + base_name(index) + " (id" + cols + ") VALUES (" + params + ")";
-    case kDelete:
-      return "DELETE FROM " + base_name(index) + " WHERE id = ?1";
-    case kTop:
-      break;
-  }
-  return "SELECT max(id) FROM " + base_name(index);
-}
-
-zq::Stmt base_stmt(Table* t, BaseStmt kind) {
-  sqlite3_stmt*& st = t->base_stmts[kind];
-  int rc = SQLITE_OK;
-  if (st == nullptr) st = t->conn->database().statement(base_sql(t->index, kind), &rc);
-  return zq::Stmt(st);
-}
-
-zq::Status base_delete(Table* t, int64_t id) {
-  zq::Stmt st = base_stmt(t, kDelete);
-  if (!st.ok() || st.bind(1, id).step() != SQLITE_DONE)
-    return sql_failure(t->conn->db,
-                       "deleting rowid " + std::to_string(id) + " from " + t->index.base_table());
-  return zq::Status::ok();
-}
-
-zq::Status base_insert(Table* t, const zq::Entry& e) {
-  zq::Stmt st = base_stmt(t, kInsert);
-  if (st.ok()) {
-    st.bind(1, e.id);
-    for (int k = 0; k < t->dims(); ++k)
-      st.bind(2 * k + 2, e.box.min[k]).bind(2 * k + 3, e.box.max[k]);
-  }
-  if (!st.ok() || st.step() != SQLITE_DONE)
-    return sql_failure(t->conn->db,
-                       "storing rowid " + std::to_string(e.id) + " in " + t->index.base_table());
-  return zq::Status::ok();
-}
-
 // One row's change: the old row goes (if any), the new one comes (if any).
 struct Change {
   bool has_old = false;
@@ -93,31 +35,10 @@ struct Change {
   zq::Entry new_entry;
 };
 
-zq::Status change_base(Table* t, const Change& ch) {
-  if (ch.has_old)
-    if (zq::Status s = base_delete(t, ch.old_entry.id); !s) return s;
-  if (!ch.has_new) return zq::Status::ok();
-  zq::Status s = base_insert(t, ch.new_entry);
-  if (!s && ch.has_old)
-    if (zq::Status back = base_insert(t, ch.old_entry); !back)
-      return zq::Status::io(s.message() +
-                            "; restoring the old row failed as well: " + back.message());
-  return s;
-}
-
 // The whole change or none of it, in the transaction's handle.
 zq::Status apply_direct(Table* t, const Change& ch) {
   if (zq::Status s = t->txn.trim(); !s) return s;
-  const size_t before = t->txn.length();
-  if (zq::Status s =
-          t->txn.change(ch.has_old ? &ch.old_entry : nullptr, ch.has_new ? &ch.new_entry : nullptr);
-      !s)
-    return s;
-  zq::Status s = change_base(t, ch);
-  if (s) return s;
-  if (zq::Status undone = t->txn.revert(before); !undone)
-    return zq::Status::io(s.message() + "; restoring the tree failed as well: " + undone.message());
-  return s;
+  return t->txn.change(ch.has_old ? &ch.old_entry : nullptr, ch.has_new ? &ch.new_entry : nullptr);
 }
 
 zq::Status change_pending(Table* t, const Change& ch) {
@@ -146,15 +67,11 @@ zq::Status undo(Table* t, Journal::Op* op, const Change& ch, zq::Status failed) 
 zq::Status apply_change(Table* t, const Change& ch) {
   if (!t->deferred()) return apply_direct(t, ch);
   Journal& journal = t->conn->journal;
-  for (const std::string& table : {t->index.node_table(), t->index.base_table()})
-    if (std::string err = journal.watch(t->index.schema(), table); !err.empty())
-      return zq::Status::io(err);
   if (zq::Status s = ensure_pending(t); !s) return s;
   if (std::string err = watch_pending(t); !err.empty()) return zq::Status::io(err);
   Journal::Op op(journal);
   if (!op.begun().empty()) return zq::Status::io(op.begun());
   zq::Status s = change_pending(t, ch);
-  if (s) s = change_base(t, ch);
   if (!s) return undo(t, &op, ch, s);
   op.commit();
   return s;
@@ -205,9 +122,8 @@ zq::Status new_id(Table* t, sqlite3_value** argv, const int64_t* old_id, int64_t
     *out = given.empty() ? *old_id : given[0];
     return zq::Status::ok();
   }
-  zq::Stmt st = base_stmt(t, kTop);
-  if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(t->conn->db, "choosing a rowid");
-  const int64_t top = st.int64(0);
+  int64_t top = 0;
+  if (zq::Status s = top_rowid(t, &top); !s) return s;
   if (top == INT64_MAX) return zq::Status::invalid("no rowid is left above " + std::to_string(top));
   *out = top + 1;
   return zq::Status::ok();
@@ -238,21 +154,6 @@ zq::Status new_box(Table* t, sqlite3_value** argv, zq::Box* box) {
   return zq::Status::ok();
 }
 
-zq::Status stored(Table* t, int64_t id, zq::Entry* e, bool* found) {
-  e->id = id;
-  zq::Stmt st = base_stmt(t, kLookup);
-  const int rc = st.ok() ? st.bind(1, id).step() : SQLITE_ERROR;
-  *found = rc == SQLITE_ROW;
-  if (*found)
-    for (int k = 0; k < t->dims(); ++k) {
-      e->box.min[k] = st.real(2 * k);
-      e->box.max[k] = st.real(2 * k + 1);
-    }
-  if (rc != SQLITE_ROW && rc != SQLITE_DONE)
-    return sql_failure(t->conn->db, "reading rowid " + std::to_string(id));
-  return zq::Status::ok();
-}
-
 int update_failed(Table* t, const std::string& what, const zq::Status& s) {
   const int rc = s.kind() == zq::Status::Kind::kInvalid ? SQLITE_MISMATCH : SQLITE_ERROR;
   return fail(t, failure(*t, what + ": " + s.message()), rc);
@@ -263,7 +164,7 @@ int update_failed(Table* t, const std::string& what, const zq::Status& s) {
 int resolve_conflict(Table* t, Change* ch) {
   zq::Entry existing;
   bool found = false;
-  if (zq::Status s = stored(t, ch->new_entry.id, &existing, &found); !s)
+  if (zq::Status s = find_row(t, ch->new_entry.id, &existing, &found); !s)
     return update_failed(t, "reading rowid " + std::to_string(ch->new_entry.id), s);
   if (!found) return SQLITE_OK;
   if (sqlite3_vtab_on_conflict(t->conn->db) != SQLITE_REPLACE)
@@ -287,7 +188,7 @@ int x_update(sqlite3_vtab* vtab, int argc, sqlite3_value** argv, sqlite3_int64* 
   const bool has_old = sqlite3_value_type(argv[0]) != SQLITE_NULL;
   if (has_old) {
     const int64_t old_id = sqlite3_value_int64(argv[0]);
-    if (zq::Status s = stored(t, old_id, &ch.old_entry, &ch.has_old); !s)
+    if (zq::Status s = find_row(t, old_id, &ch.old_entry, &ch.has_old); !s)
       return update_failed(t, "reading rowid " + std::to_string(old_id), s);
   }
   if (argc > 1) {
@@ -322,13 +223,10 @@ zq::Status create_tables(Conn* conn, const std::string& schema, const std::strin
   std::string err = exec(
       conn->db, "CREATE TABLE IF NOT EXISTS " + catalog + " (name TEXT PRIMARY KEY, dims INTEGER)");
   if (!err.empty()) return zq::Status::io("creating the index catalog: " + err);
-  std::string cols;
-  for (int k = 0; k < dims; ++k)
-    cols +=
-        ", min" + std::to_string(k) + " REAL NOT NULL, max" + std::to_string(k) + " REAL NOT NULL";
-  err = exec(conn->db, "CREATE TABLE " + quote(schema) + "." + quote(name + "_boxes") +
-                           " (id INTEGER PRIMARY KEY" + cols + ")");
-  if (!err.empty()) return zq::Status::io("creating the base table: " + err);
+  err = exec(conn->db, "CREATE TABLE " + quote(schema) + "." + quote(name + "_rowid") +
+                           " (id INTEGER PRIMARY KEY, leaf INTEGER NOT NULL)");
+  if (!err.empty()) return zq::Status::io("creating the rowid table: " + err);
+  conn->database().reset_leaf_maps();
   const int32_t rc =
       zqsess_create_node_table(conn->database().session(), schema.c_str(), name.c_str());
   if (rc < 0) return engine_failure(conn->database(), rc, "creating the node table");
@@ -363,7 +261,8 @@ zq::Status empty_tree(const zq::Index& index) {
 
 zq::Status remove_tables(Conn* conn, const std::string& schema, const std::string& name) {
   std::string errors;
-  for (const std::string& table : {RTR_NODE_TABLE_PREFIX + name, name + "_boxes"})
+  conn->database().reset_leaf_maps();
+  for (const std::string& table : {RTR_NODE_TABLE_PREFIX + name, name + "_rowid"})
     if (std::string err =
             exec(conn->db, "DROP TABLE IF EXISTS " + quote(schema) + "." + quote(table));
         !err.empty())
@@ -381,7 +280,7 @@ zq::Status create_index(Conn* conn, const std::string& schema, const std::string
   zq::Index existing;
   if (zq::Index::open(conn->database(), name, &existing, schema))
     return zq::Status::exists("an index named '" + name + "' already exists; drop it first");
-  for (const std::string& table : {RTR_NODE_TABLE_PREFIX + name, name + "_boxes"}) {
+  for (const std::string& table : {RTR_NODE_TABLE_PREFIX + name, name + "_rowid"}) {
     Stmt st(conn->db, "SELECT 1 FROM " + quote(schema) + ".sqlite_schema WHERE name = ?1");
     if (st.ok() && st.bind(1, table).step() == SQLITE_ROW)
       return zq::Status::exists("table " + quote(table) + " already exists; choose another name");

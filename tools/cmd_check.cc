@@ -1,6 +1,6 @@
 // zqrtree check: the tree checker over the node table (structure, parents,
 // boxes, reachability), an EQUAL search for every entry, then the tree's
-// entries against the index's base table. Exit 1 with the first violation.
+// entries against the index's rowid table. Exit 1 with the first violation.
 #include "check/check.h"
 #include "tools/tool.h"
 
@@ -40,7 +40,7 @@ int run_check(Context& ctx, const Target& t) {
     return violation(t.index, fmt::format("node {}: {}", r.node_id, r.message));
   }
   std::string problem;
-  if (s = index.verify_base(&problem); !s) return ctx.fail(s);
+  if (s = index.verify_rowids(&problem); !s) return ctx.fail(s);
   step(3);
   progress = nullptr;
   if (!problem.empty()) return violation(t.index, problem);

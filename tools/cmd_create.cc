@@ -1,4 +1,4 @@
-// zqrtree create: a new, empty index (node table, base table of boxes and a
+// zqrtree create: a new, empty index (node table, rowid table and a
 // catalog row) in a database file, which is created when missing.
 #include "tools/tool.h"
 

@@ -1,5 +1,5 @@
 // zqrtree delete: removes the entry of a rowid. With a box, the box must be
-// the stored one; without, the box is taken from the index's base table.
+// the stored one; without, the box is read from the leaf holding the rowid.
 #include "tools/tool.h"
 
 namespace zqtool {

@@ -1,4 +1,4 @@
-// zqrtree drop: removes an index — its node table, its base table of boxes
+// zqrtree drop: removes an index — its node table, its rowid table
 // and its catalog row — in one transaction.
 #include "tools/tool.h"
 

@@ -110,7 +110,7 @@ class DriverTest : public ::testing::Test {
 
   void expect_sound(const zq::Index& index) {
     std::string problem;
-    ASSERT_TRUE(index.verify_base(&problem));
+    ASSERT_TRUE(index.verify_rowids(&problem));
     EXPECT_EQ(problem, "");
     zqcheck::CheckResult r;
     Status s = index.with_read_handle([&](rtr_mem* rtr) {

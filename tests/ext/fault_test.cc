@@ -58,12 +58,12 @@ struct Case {
   const char* change;   // runs with the fault armed; COMMIT applies deferred changes
 };
 
-// What the table holds as its users see it: the base table and the entries a
+// What the table holds as its users see it: every row, and the entries a
 // search of everything finds. Inside a transaction the tree's changes wait in
 // the library's handle until commit, so the node table's bytes say nothing.
 std::string contents(sqlite3* db) {
   std::string out;
-  for (const char* sql : {"SELECT * FROM t_boxes ORDER BY id",
+  for (const char* sql : {"SELECT * FROM t ORDER BY id",
                           "SELECT * FROM t WHERE hi0 >= -1e300 AND lo0 <= 1e300 ORDER BY id"}) {
     sqlite3_stmt* st = nullptr;
     sqlite3_prepare_v2(db, sql, -1, &st, nullptr);

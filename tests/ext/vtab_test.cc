@@ -41,7 +41,7 @@ TEST(ExtCreate, MakesNodeBaseAndCatalogAndDropRemovesThem) {
   db.exec(create_sql("places", 2) + "; INSERT INTO places VALUES (1, 0, 1, 0, 1)");
   EXPECT_EQ(db.rows("SELECT name FROM sqlite_schema WHERE type = 'table' AND name NOT IN "
                     "('places') ORDER BY name"),
-            (std::vector<std::string>{"MDRT$places", "places_boxes", "zqrtree_catalog"}));
+            (std::vector<std::string>{"MDRT$places", "places_rowid", "zqrtree_catalog"}));
   EXPECT_EQ(db.one("SELECT dims FROM zqrtree_catalog WHERE name = 'places'"), "2");
   EXPECT_NE(db.try_exec(create_sql("places", 2)), "");
   db.exec("DROP TABLE places");

@@ -1,0 +1,304 @@
+// The rowid table of an index, kept in step with the node table's leaf rows.
+#include "driver/leaf_map.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "driver/internal.h"
+#include "zqrtree/errors.h"
+#include "zqrtree/phy.h"
+
+namespace zq::detail {
+
+// The entries of one leaf row's cells blob, read without trusting it: a blob
+// whose length does not fit its count holds none here (the checker reports
+// such rows; what matters here is not to read past them).
+struct LeafMap::Cells {
+  const uint8_t* blob = nullptr;
+  uint32_t n = 0;
+  uint32_t axes = 0;  // axes per entry as stored
+
+  static Cells of(const uint8_t* blob, uint32_t len) {
+    Cells c;
+    if (blob == nullptr || len < 4) return c;
+    uint32_t n = 0;
+    std::memcpy(&n, blob, 4);
+    if (n == 0 || n > RTR_MAX_CELLS || (len - 4) % n != 0) return c;
+    const uint32_t entry = (len - 4) / n;
+    if (entry % 8 != 0 || entry < 24 || entry > 56 || (entry / 8) % 2 == 0) return c;
+    c.blob = blob + 4;
+    c.n = n;
+    c.axes = (entry / 8 - 1) / 2;
+    return c;
+  }
+  size_t stride() const { return 8 * (2 * axes + 1); }
+  int64_t id(uint32_t i) const {
+    int64_t v;
+    std::memcpy(&v, blob + i * stride(), 8);
+    return v;
+  }
+  Box box(uint32_t i) const {
+    Box b;
+    const uint8_t* p = blob + i * stride() + 8;
+    for (uint32_t k = 0; k < axes && k < kMaxDims; ++k) {
+      std::memcpy(&b.min[k], p + 8 * k, 8);
+      std::memcpy(&b.max[k], p + 8 * (axes + k), 8);
+    }
+    return b;
+  }
+};
+
+namespace {
+
+const uint8_t* value_bytes(const zq_value& v) {
+  return v.len <= ZQ_VALUE_INLINE_MAX ? v.u.inl : v.ptr;
+}
+
+// The old value of `col` among an update's changed columns, or null.
+const zq_value* old_value(const zq_fillinfo* old_values, uint16_t col) {
+  if (old_values == nullptr) return nullptr;
+  for (uint16_t i = 0; i < old_values->n_cols; ++i)
+    if (old_values->col_nos[i] == col) return &old_values->values[i];
+  return nullptr;
+}
+
+}  // namespace
+
+LeafMap::LeafMap(Database& db, std::string schema, std::string index_name)
+    : db_(db),
+      schema_(std::move(schema)),
+      node_table_(RTR_NODE_TABLE_PREFIX + index_name),
+      rowid_table_(index_name + "_rowid") {}
+
+Status LeafMap::read_leaf(int64_t leaf, std::vector<uint8_t>* blob, int32_t* level) {
+  Stmt st(db_, "SELECT level, cells FROM " + qualified(schema_, node_table_) + " WHERE rowid = ?1");
+  if (!st.ok()) return sql_failure(db_.db(), "reading node " + std::to_string(leaf));
+  const int rc = st.bind(1, leaf).step();
+  blob->clear();
+  *level = -1;
+  if (rc == SQLITE_ROW) {
+    *level = static_cast<int32_t>(st.int64(0));
+    const auto* bytes = static_cast<const uint8_t*>(sqlite3_column_blob(st.get(), 1));
+    blob->assign(bytes, bytes + sqlite3_column_bytes(st.get(), 1));
+  } else if (rc != SQLITE_DONE) {
+    return sql_failure(db_.db(), "reading node " + std::to_string(leaf));
+  }
+  return Status::ok();
+}
+
+int32_t LeafMap::observe(const zq_row_event& ev) {
+  // The leaf entries of the row before and after the write; a branch row
+  // holds none.
+  Cells before, after;
+  std::vector<uint8_t> stored;
+  const int64_t node = ev.rowid;
+  int32_t new_level = -1;
+  const zq_value* cells = nullptr;
+  if (ev.row != nullptr) {
+    new_level = ev.row->cols[RTR_COL_LEVEL].u.i32;
+    cells = &ev.row->cols[RTR_COL_CELLS];
+    if (new_level == 0) after = Cells::of(value_bytes(*cells), cells->len);
+  }
+  switch (ev.change) {
+    case ZQ_ROW_INSERT:
+      break;
+    case ZQ_ROW_UPDATE: {
+      const zq_value* old_level = old_value(ev.old_values, RTR_COL_LEVEL);
+      const zq_value* old_cells = old_value(ev.old_values, RTR_COL_CELLS);
+      if (ev.row != nullptr) {
+        const int32_t level = old_level != nullptr ? old_level->u.i32 : new_level;
+        if (level == 0)
+          before = old_cells != nullptr ? Cells::of(value_bytes(*old_cells), old_cells->len)
+                                        : after;
+        break;
+      }
+      // In place: only the level or the parent changed, and only a level
+      // crossing to or from 0 changes which rows the leaves hold.
+      if (old_level == nullptr) return 0;
+      const zq_value* level = nullptr;
+      for (uint16_t i = 0; i < ev.new_values->n_cols; ++i)
+        if (ev.new_values->col_nos[i] == RTR_COL_LEVEL) level = &ev.new_values->values[i];
+      if (level == nullptr || (level->u.i32 == 0) == (old_level->u.i32 == 0)) return 0;
+      int32_t ignored = 0;
+      if (!read_leaf(node, &stored, &ignored)) return RTR_ERR_NO_ROOM;
+      const Cells held = Cells::of(stored.data(), static_cast<uint32_t>(stored.size()));
+      (old_level->u.i32 == 0 ? before : after) = held;
+      break;
+    }
+    case ZQ_ROW_DELETE: {
+      int32_t level = -1;
+      if (ev.rec != nullptr) {
+        nrec_copy_nth_field_data_lint(db_.env(), ev.desc, ev.rec, &level, RTR_COL_LEVEL, nullptr);
+        if (level != 0) return 0;
+        uint16_t len = RTR_BLOB_MAX;
+        const uint8_t* bytes =
+            nrec_get_nth_fld(db_.env(), ev.desc, ev.rec, RTR_COL_CELLS, nullptr, &len);
+        stored.assign(bytes, bytes + (bytes != nullptr ? len : 0));
+      } else if (!read_leaf(node, &stored, &level)) {
+        return RTR_ERR_NO_ROOM;
+      }
+      if (level == 0) before = Cells::of(stored.data(), static_cast<uint32_t>(stored.size()));
+      break;
+    }
+  }
+  if (before.n == 0 && after.n == 0) return 0;
+  try {
+    if (collecting_) {
+      if (before.n > 0) dropped_.push_back(node);
+      for (uint32_t i = 0; i < after.n; ++i) built_.emplace_back(after.id(i), node);
+      return 0;
+    }
+    return moves(node, before, after);
+  } catch (const std::bad_alloc&) {
+    return RTR_ERR_NO_ROOM;
+  }
+}
+
+int32_t LeafMap::moves(int64_t node, const Cells& before, const Cells& after) {
+  // Usually a write appends to a leaf or takes one entry out, so most ids
+  // are in both; only the difference moves.
+  struct Id {
+    int64_t id;
+    uint32_t at;
+    bool operator<(const Id& o) const { return id < o.id; }
+  };
+  Id old_ids[RTR_MAX_CELLS], new_ids[RTR_MAX_CELLS];
+  for (uint32_t i = 0; i < before.n; ++i) old_ids[i] = {before.id(i), i};
+  for (uint32_t i = 0; i < after.n; ++i) new_ids[i] = {after.id(i), i};
+  std::sort(old_ids, old_ids + before.n);
+  std::sort(new_ids, new_ids + after.n);
+  uint32_t i = 0, j = 0;
+  while (i < before.n || j < after.n) {
+    if (j == after.n || (i < before.n && old_ids[i].id < new_ids[j].id)) {
+      // Out of this leaf: unless it is already recorded in another written
+      // leaf, it is in none until the row it went to is written.
+      const int64_t id = old_ids[i].id;
+      auto it = moved_.find(id);
+      if (it == moved_.end() || it->second == node || it->second == 0) {
+        moved_[id] = 0;
+        loose_[id] = before.box(old_ids[i].at);
+      }
+      ++i;
+    } else if (i == before.n || new_ids[j].id < old_ids[i].id) {
+      moved_[new_ids[j].id] = node;
+      loose_.erase(new_ids[j].id);
+      ++j;
+    } else {
+      ++i;
+      ++j;
+    }
+  }
+  return 0;
+}
+
+Status LeafMap::leaf_of(int64_t id, int64_t* leaf, bool* found) {
+  auto it = moved_.find(id);
+  if (it != moved_.end()) {
+    *leaf = it->second;
+    *found = it->second != 0;
+    return Status::ok();
+  }
+  Stmt st(db_, "SELECT leaf FROM " + qualified(schema_, rowid_table_) + " WHERE id = ?1");
+  const int rc = st.ok() ? st.bind(1, id).step() : SQLITE_ERROR;
+  *found = rc == SQLITE_ROW;
+  if (*found) *leaf = st.int64(0);
+  if (rc != SQLITE_ROW && rc != SQLITE_DONE)
+    return sql_failure(db_.db(), "reading " + rowid_table_);
+  return Status::ok();
+}
+
+Status LeafMap::find(int64_t id, Box* box, bool* found) {
+  if (auto it = loose_.find(id); it != loose_.end()) {
+    *box = it->second;
+    *found = true;
+    return Status::ok();
+  }
+  int64_t leaf = 0;
+  if (Status s = leaf_of(id, &leaf, found); !s || !*found) return s;
+  std::vector<uint8_t> blob;
+  int32_t level = 0;
+  if (Status s = read_leaf(leaf, &blob, &level); !s) return s;
+  const Cells cells = Cells::of(blob.data(), static_cast<uint32_t>(blob.size()));
+  if (level == 0)
+    for (uint32_t i = 0; i < cells.n; ++i)
+      if (cells.id(i) == id) {
+        *box = cells.box(i);
+        return Status::ok();
+      }
+  return Status::engine(RTR_ERR_NOT_FOUND, rowid_table_ + " places rowid " + std::to_string(id) +
+                                               " in node " + std::to_string(leaf) +
+                                               ", which does not hold it; run `zqrtree check`");
+}
+
+Status LeafMap::count(uint64_t* n) {
+  Stmt st(db_.db(), "SELECT count(*) FROM " + qualified(schema_, rowid_table_));
+  if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(db_.db(), "counting rows");
+  int64_t total = st.int64(0);
+  Stmt has(db_, "SELECT 1 FROM " + qualified(schema_, rowid_table_) + " WHERE id = ?1");
+  for (const auto& [id, leaf] : moved_) {
+    const int rc = has.bind(1, id).step();
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) return sql_failure(db_.db(), "counting rows");
+    total += (leaf != 0) - (rc == SQLITE_ROW);
+    has.reset();
+  }
+  *n = static_cast<uint64_t>(total);
+  return Status::ok();
+}
+
+Status LeafMap::apply() {
+  if (moved_.empty()) return Status::ok();
+  std::vector<std::pair<int64_t, int64_t>> moves(moved_.begin(), moved_.end());
+  // In rowid order the table's pages are visited once each.
+  std::sort(moves.begin(), moves.end());
+  Stmt put(db_, "INSERT OR REPLACE INTO " + qualified(schema_, rowid_table_) +
+                    " (id, leaf) VALUES (?1, ?2)");
+  Stmt del(db_, "DELETE FROM " + qualified(schema_, rowid_table_) + " WHERE id = ?1");
+  if (!put.ok() || !del.ok()) return sql_failure(db_.db(), "writing " + rowid_table_);
+  for (const auto& [id, leaf] : moves) {
+    Stmt& st = leaf != 0 ? put.bind(1, id).bind(2, leaf) : del.bind(1, id);
+    if (st.step() != SQLITE_DONE) return sql_failure(db_.db(), "writing " + rowid_table_);
+  }
+  forget();
+  return Status::ok();
+}
+
+void LeafMap::forget() {
+  moved_.clear();
+  loose_.clear();
+  built_.clear();
+  dropped_.clear();
+}
+
+void LeafMap::collect(bool on) {
+  collecting_ = on;
+}
+
+Status LeafMap::refill() {
+  std::sort(dropped_.begin(), dropped_.end());
+  std::erase_if(built_, [&](const auto& p) {
+    return std::binary_search(dropped_.begin(), dropped_.end(), p.second);
+  });
+  std::sort(built_.begin(), built_.end());
+  Status s = exec(db_.db(), "DELETE FROM " + qualified(schema_, rowid_table_),
+                  "emptying " + rowid_table_);
+  Stmt put(db_.db(), "INSERT INTO " + qualified(schema_, rowid_table_) + " (id, leaf) VALUES (?1, ?2)");
+  if (s && !put.ok()) s = sql_failure(db_.db(), "writing " + rowid_table_);
+  for (size_t i = 0; s && i < built_.size(); ++i) {
+    if (i > 0 && built_[i].first == built_[i - 1].first)
+      s = Status::invalid("rowid " + std::to_string(built_[i].first) + " is in the tree twice");
+    else if (put.bind(1, built_[i].first).bind(2, built_[i].second).step() != SQLITE_DONE)
+      s = sql_failure(db_.db(), "writing " + rowid_table_);
+  }
+  forget();
+  return s;
+}
+
+int32_t observe_rows(void* database, const zq_row_event* event) {
+  if (std::strncmp(event->table, RTR_NODE_TABLE_PREFIX, sizeof RTR_NODE_TABLE_PREFIX - 1) != 0)
+    return 0;
+  LeafMap* map = static_cast<Database*>(database)->leaf_map(event->schema, event->table);
+  return map != nullptr ? map->observe(*event) : 0;
+}
+
+}  // namespace zq::detail
