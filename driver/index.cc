@@ -114,8 +114,10 @@ Status Index::open(Database& db, const std::string& name, Index* out, const std:
   idx.dims_ = dims;
   if (!detail::table_exists(db.db(), schema, idx.rowid_table()) &&
       detail::table_exists(db.db(), schema, name + "_boxes"))
-    return Status::invalid("index '" + name + "' was made by an earlier zqrtree, which kept a copy "
-                           "of every box in table " + detail::quote_ident(name + "_boxes") +
+    return Status::invalid("index '" + name +
+                           "' was made by an earlier zqrtree, which kept a copy "
+                           "of every box in table " +
+                           detail::quote_ident(name + "_boxes") +
                            "; make it again from its entries (zqrtree create, then load)");
   for (const std::string& t : {idx.node_table(), idx.rowid_table()})
     if (!detail::table_exists(db.db(), schema, t))

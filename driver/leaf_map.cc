@@ -109,8 +109,8 @@ int32_t LeafMap::observe(const zq_row_event& ev) {
       if (ev.row != nullptr) {
         const int32_t level = old_level != nullptr ? old_level->u.i32 : new_level;
         if (level == 0)
-          before = old_cells != nullptr ? Cells::of(value_bytes(*old_cells), old_cells->len)
-                                        : after;
+          before =
+              old_cells != nullptr ? Cells::of(value_bytes(*old_cells), old_cells->len) : after;
         break;
       }
       // In place: only the level or the parent changed, and only a level
@@ -155,9 +155,37 @@ int32_t LeafMap::observe(const zq_row_event& ev) {
   }
 }
 
+void LeafMap::Where::hold(int64_t node) {
+  if (rows[0] == node || rows[1] == node || std::find(more.begin(), more.end(), node) != more.end())
+    return;
+  if (rows[0] == 0)
+    rows[0] = node;
+  else if (rows[1] == 0)
+    rows[1] = node;
+  else
+    more.push_back(node);
+}
+
+bool LeafMap::Where::drop(int64_t node) {
+  for (int64_t& r : rows)
+    if (r == node) {
+      r = 0;
+      return true;
+    }
+  auto it = std::find(more.begin(), more.end(), node);
+  if (it == more.end()) return false;
+  more.erase(it);
+  return true;
+}
+
+int64_t LeafMap::Where::any() const {
+  if (!more.empty()) return more.back();
+  return rows[1] != 0 ? rows[1] : rows[0];
+}
+
 int32_t LeafMap::moves(int64_t node, const Cells& before, const Cells& after) {
   // Usually a write appends to a leaf or takes one entry out, so most ids
-  // are in both; only the difference moves.
+  // are in both rows and only need a look-up.
   struct Id {
     int64_t id;
     uint32_t at;
@@ -171,20 +199,20 @@ int32_t LeafMap::moves(int64_t node, const Cells& before, const Cells& after) {
   uint32_t i = 0, j = 0;
   while (i < before.n || j < after.n) {
     if (j == after.n || (i < before.n && old_ids[i].id < new_ids[j].id)) {
-      // Out of this leaf: unless it is already recorded in another written
-      // leaf, it is in none until the row it went to is written.
+      // Not recorded as held here: then this is the row the table names.
       const int64_t id = old_ids[i].id;
-      auto it = moved_.find(id);
-      if (it == moved_.end() || it->second == node || it->second == 0) {
-        moved_[id] = 0;
-        loose_[id] = before.box(old_ids[i].at);
-      }
+      Where& w = where_[id];
+      if (!w.drop(node)) w.table = false;
+      if (w.any() == 0 && !w.table) loose_[id] = before.box(old_ids[i].at);
       ++i;
     } else if (i == before.n || new_ids[j].id < old_ids[i].id) {
-      moved_[new_ids[j].id] = node;
+      where_[new_ids[j].id].hold(node);
       loose_.erase(new_ids[j].id);
       ++j;
     } else {
+      // Still here; if the entry was seen elsewhere since, this row holds
+      // it again (it came back without this row ever being written).
+      if (auto it = where_.find(new_ids[j].id); it != where_.end()) it->second.hold(node);
       ++i;
       ++j;
     }
@@ -192,13 +220,7 @@ int32_t LeafMap::moves(int64_t node, const Cells& before, const Cells& after) {
   return 0;
 }
 
-Status LeafMap::leaf_of(int64_t id, int64_t* leaf, bool* found) {
-  auto it = moved_.find(id);
-  if (it != moved_.end()) {
-    *leaf = it->second;
-    *found = it->second != 0;
-    return Status::ok();
-  }
+Status LeafMap::table_leaf(int64_t id, int64_t* leaf, bool* found) {
   Stmt st(db_, "SELECT leaf FROM " + qualified(schema_, rowid_table_) + " WHERE id = ?1");
   const int rc = st.ok() ? st.bind(1, id).step() : SQLITE_ERROR;
   *found = rc == SQLITE_ROW;
@@ -209,13 +231,21 @@ Status LeafMap::leaf_of(int64_t id, int64_t* leaf, bool* found) {
 }
 
 Status LeafMap::find(int64_t id, Box* box, bool* found) {
-  if (auto it = loose_.find(id); it != loose_.end()) {
-    *box = it->second;
-    *found = true;
-    return Status::ok();
-  }
   int64_t leaf = 0;
-  if (Status s = leaf_of(id, &leaf, found); !s || !*found) return s;
+  *found = false;
+  if (auto it = where_.find(id); it != where_.end()) {
+    leaf = it->second.any();
+    if (leaf == 0 && !it->second.table) {
+      auto loose = loose_.find(id);
+      if (loose == loose_.end()) return Status::ok();
+      *box = loose->second;
+      *found = true;
+      return Status::ok();
+    }
+  }
+  if (leaf == 0)
+    if (Status s = table_leaf(id, &leaf, found); !s || !*found) return s;
+  *found = true;
   std::vector<uint8_t> blob;
   int32_t level = 0;
   if (Status s = read_leaf(leaf, &blob, &level); !s) return s;
@@ -231,31 +261,41 @@ Status LeafMap::find(int64_t id, Box* box, bool* found) {
                                                ", which does not hold it; run `zqrtree check`");
 }
 
+std::vector<std::pair<int64_t, int64_t>> LeafMap::settled() const {
+  std::vector<std::pair<int64_t, int64_t>> out;
+  out.reserve(where_.size());
+  for (const auto& [id, w] : where_) {
+    const int64_t leaf = w.any();
+    out.emplace_back(id, leaf != 0 ? leaf : w.table ? kAsTable : 0);
+  }
+  // In rowid order the table's pages are visited once each.
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
 Status LeafMap::count(uint64_t* n) {
   Stmt st(db_.db(), "SELECT count(*) FROM " + qualified(schema_, rowid_table_));
   if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(db_.db(), "counting rows");
   int64_t total = st.int64(0);
-  Stmt has(db_, "SELECT 1 FROM " + qualified(schema_, rowid_table_) + " WHERE id = ?1");
-  for (const auto& [id, leaf] : moved_) {
-    const int rc = has.bind(1, id).step();
-    if (rc != SQLITE_ROW && rc != SQLITE_DONE) return sql_failure(db_.db(), "counting rows");
-    total += (leaf != 0) - (rc == SQLITE_ROW);
-    has.reset();
+  for (const auto& [id, leaf] : settled()) {
+    if (leaf == kAsTable) continue;
+    int64_t ignored = 0;
+    bool listed = false;
+    if (Status s = table_leaf(id, &ignored, &listed); !s) return s;
+    total += (leaf != 0) - listed;
   }
   *n = static_cast<uint64_t>(total);
   return Status::ok();
 }
 
 Status LeafMap::apply() {
-  if (moved_.empty()) return Status::ok();
-  std::vector<std::pair<int64_t, int64_t>> moves(moved_.begin(), moved_.end());
-  // In rowid order the table's pages are visited once each.
-  std::sort(moves.begin(), moves.end());
+  if (where_.empty()) return Status::ok();
   Stmt put(db_, "INSERT OR REPLACE INTO " + qualified(schema_, rowid_table_) +
                     " (id, leaf) VALUES (?1, ?2)");
   Stmt del(db_, "DELETE FROM " + qualified(schema_, rowid_table_) + " WHERE id = ?1");
   if (!put.ok() || !del.ok()) return sql_failure(db_.db(), "writing " + rowid_table_);
-  for (const auto& [id, leaf] : moves) {
+  for (const auto& [id, leaf] : settled()) {
+    if (leaf == kAsTable) continue;
     Stmt& st = leaf != 0 ? put.bind(1, id).bind(2, leaf) : del.bind(1, id);
     if (st.step() != SQLITE_DONE) return sql_failure(db_.db(), "writing " + rowid_table_);
   }
@@ -264,7 +304,7 @@ Status LeafMap::apply() {
 }
 
 void LeafMap::forget() {
-  moved_.clear();
+  where_.clear();
   loose_.clear();
   built_.clear();
   dropped_.clear();
@@ -280,9 +320,10 @@ Status LeafMap::refill() {
     return std::binary_search(dropped_.begin(), dropped_.end(), p.second);
   });
   std::sort(built_.begin(), built_.end());
-  Status s = exec(db_.db(), "DELETE FROM " + qualified(schema_, rowid_table_),
-                  "emptying " + rowid_table_);
-  Stmt put(db_.db(), "INSERT INTO " + qualified(schema_, rowid_table_) + " (id, leaf) VALUES (?1, ?2)");
+  Status s =
+      exec(db_.db(), "DELETE FROM " + qualified(schema_, rowid_table_), "emptying " + rowid_table_);
+  Stmt put(db_.db(),
+           "INSERT INTO " + qualified(schema_, rowid_table_) + " (id, leaf) VALUES (?1, ?2)");
   if (s && !put.ok()) s = sql_failure(db_.db(), "writing " + rowid_table_);
   for (size_t i = 0; s && i < built_.size(); ++i) {
     if (i > 0 && built_[i].first == built_[i - 1].first)

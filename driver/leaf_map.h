@@ -8,13 +8,19 @@
  * box takes 45. The box itself is read from that leaf row.
  *
  * The table follows the node table by watching every row the host writes to
- * it (the session's row observer): an entry that appears in a leaf row has
- * moved there, one that disappears has moved out (its box is kept, because
- * the row it is going to may not be written yet). The moves wait in memory
- * and reach the table in rowid order when a user operation or transaction
- * ends (apply()), or are forgotten when it is rolled back (forget()).
- * Between the two, the table and the moves together still give the box of
- * every rowid the operation has not itself inserted or deleted.
+ * it (the session's row observer). For each entry the writes touch, it keeps
+ * which stored leaf rows hold it: those last written with it, and the row
+ * the table names unless that row was written without it. An entry can be
+ * held by two rows for a while (it moved on before the row it left was
+ * written again), and by none (the row it went to is not written yet; its
+ * box is kept meanwhile). A row that ends up as it was stored is not written
+ * at all, which is why "the row the table names" stays a holder until a
+ * write says otherwise. After a full write-back every entry is held by one
+ * row or, deleted, by none; the moves then reach the table in rowid order
+ * when the user operation or transaction ends (apply()), or are forgotten
+ * when it is rolled back (forget()). Between the two, the table and the
+ * moves together still give the box of every rowid the operation has not
+ * itself inserted or deleted.
  *
  * A bulk build writes every leaf once: its rows are only collected while
  * collect() is on, and refill() writes the table afresh from them. */
@@ -54,9 +60,11 @@ class LeafMap {
   Status count(uint64_t* n);
   Status apply();
   void forget();
-  bool has_moves() const { return !moved_.empty(); }
-  // Rowid -> leaf of every move not yet applied (0: moved out, in no leaf row).
-  const std::unordered_map<int64_t, int64_t>& moves() const { return moved_; }
+  bool has_moves() const { return !where_.empty(); }
+  // Every rowid the writes touched, with the leaf the table should name for
+  // it once they are applied: 0 none (deleted), kAsTable the one it names.
+  static constexpr int64_t kAsTable = -1;
+  std::vector<std::pair<int64_t, int64_t>> settled() const;
 
   // Bulk build: leaf rows are collected instead of observed as moves, and
   // refill() rewrites the whole table from them.
@@ -65,7 +73,16 @@ class LeafMap {
 
  private:
   struct Cells;
-  Status leaf_of(int64_t id, int64_t* leaf, bool* found);
+  // The stored leaf rows holding one rowid the writes touched.
+  struct Where {
+    int64_t rows[2] = {0, 0};   // node ids; 0 marks a free slot
+    std::vector<int64_t> more;  // beyond two, while an entry hops on and on
+    bool table = true;          // the row the table names still holds it
+    void hold(int64_t node);
+    bool drop(int64_t node);  // false when `node` was not a holder
+    int64_t any() const;      // a holder, or 0
+  };
+  Status table_leaf(int64_t id, int64_t* leaf, bool* found);
   Status read_leaf(int64_t leaf, std::vector<uint8_t>* blob, int32_t* level);
   int32_t moves(int64_t node, const Cells& before, const Cells& after);
 
@@ -73,9 +90,8 @@ class LeafMap {
   std::string schema_;
   std::string node_table_;
   std::string rowid_table_;
-  // Rowid -> the leaf row last written with it; 0: moved out, in none yet.
-  std::unordered_map<int64_t, int64_t> moved_;
-  std::unordered_map<int64_t, Box> loose_;  // the boxes of the rowids moved out
+  std::unordered_map<int64_t, Where> where_;
+  std::unordered_map<int64_t, Box> loose_;  // boxes of the rowids no stored row holds
   bool collecting_ = false;
   std::vector<std::pair<int64_t, int64_t>> built_;  // (rowid, leaf) of a bulk build
   std::vector<int64_t> dropped_;                    // leaf rows a bulk build deleted again

@@ -135,9 +135,16 @@ Status Index::verify_rowids(std::string* problem, rtr_mem* borrowed) const {
   while ((rc = st.step()) == SQLITE_ROW) table.push_back(Placed{st.int64(0), st.int64(1)});
   if (rc != SQLITE_DONE) return detail::sql_failure(db_->db(), "reading " + rowid_table());
   if (detail::LeafMap* map = leaf_map(); map != nullptr && map->has_moves()) {
-    std::erase_if(table, [&](const Placed& p) { return map->moves().count(p.id) != 0; });
-    for (const auto& [id, leaf] : map->moves())
-      if (leaf != 0) table.push_back(Placed{id, leaf});
+    // The table as it will be once the moves are applied.
+    std::vector<Placed> moved;
+    for (const auto& [id, leaf] : map->settled())
+      if (leaf != detail::LeafMap::kAsTable) moved.push_back(Placed{id, leaf});
+    std::erase_if(table, [&](const Placed& p) {
+      return std::binary_search(moved.begin(), moved.end(), p,
+                                [](const Placed& a, const Placed& b) { return a.id < b.id; });
+    });
+    for (const Placed& p : moved)
+      if (p.leaf != 0) table.push_back(p);
     std::sort(table.begin(), table.end());
   }
   *problem = first_difference(tree, table);

@@ -94,15 +94,21 @@ int32_t zqsess_begin(zq_session* session);
 int32_t zqsess_commit(zq_session* session);
 int32_t zqsess_rollback(zq_session* session);
 
+/* While held, write mini-transactions take no savepoint of their own: for
+ * work whose failure rolls the whole transaction back anyway, and where a
+ * savepoint would be wrong, such as a virtual table's commit (xSync), when
+ * SQLite has left its transaction state but not yet committed. */
+void zqsess_hold_savepoints(zq_session* session, int on);
+
 /* Row undo where SQLite gives no savepoint (inside a running statement):
  * for a tracked table the default row callbacks keep each row's image
- * before they write it; zqsess_undo_rollback puts the images back, newest
- * first, down to a mark taken with zqsess_undo_mark. Untracking forgets
- * them. Call order: track(on) -> (writes, mark, rollback)* -> track(off). */
+ * before they write it; zqsess_undo_restore puts every row written since
+ * tracking began back as it was then, and keeps the images, so a later
+ * restore still reaches the start whatever was rolled back in between.
+ * Untracking forgets them. Call order: track(on) -> (writes, restore)* ->
+ * track(off). */
 int32_t zqsess_undo_track(zq_session* session, const char* schema, const char* table, int on);
-uint64_t zqsess_undo_mark(const zq_session* session, const char* schema, const char* table);
-int32_t zqsess_undo_rollback(zq_session* session, const char* schema, const char* table,
-                             uint64_t mark);
+int32_t zqsess_undo_restore(zq_session* session, const char* schema, const char* table);
 
 /* Row observer: a function of the program's that the default row callbacks
  * call before each row they write to any table of the session, with what
@@ -122,10 +128,10 @@ typedef struct zq_row_event {
   const char* table;
   int64_t rowid;
   const zq_recdesc* desc;
-  const zq_row* row;              /* insert: the row; rewrite: the new row */
-  const zq_fillinfo* new_values;  /* in-place update: the listed columns' new values */
-  const zq_fillinfo* old_values;  /* update: the changed columns' old values */
-  const zq_nrec* rec;             /* delete: the row's record, or null */
+  const zq_row* row;             /* insert: the row; rewrite: the new row */
+  const zq_fillinfo* new_values; /* in-place update: the listed columns' new values */
+  const zq_fillinfo* old_values; /* update: the changed columns' old values */
+  const zq_nrec* rec;            /* delete: the row's record, or null */
 } zq_row_event;
 typedef int32_t (*zq_row_observer_fn)(void* ctx, const zq_row_event* event);
 void zqsess_set_row_observer(zq_session* session, zq_row_observer_fn fn, void* ctx);

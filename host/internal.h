@@ -370,6 +370,7 @@ struct zq_session {
 
   bool in_txn = false;         // zqsess_begin was called and not yet ended
   uint32_t sp_depth = 0;       // host savepoints open
+  bool sp_held = false;        // zqsess_hold_savepoints: write ptxs take none
   bool sp_outer_auto = false;  // the outermost host savepoint began in autocommit mode
   sqlite3_stmt* sp_begin = nullptr;
   sqlite3_stmt* sp_release = nullptr;

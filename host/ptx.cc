@@ -75,7 +75,7 @@ int32_t ptx3_begin_low_ex(zq_env* env, zq_ptx* ptx, uint32_t write_flag, uint32_
   if (env == nullptr || env->session == nullptr) return zqhost::kErrTxnState;
   zq_session* s = env->session;
   ptx->write = write_flag != 0 ? 1 : 0;
-  if (ptx->write) {
+  if (ptx->write && !s->sp_held) {
     int rc = zqhost::savepoint_begin(s);
     // SQLite refuses a savepoint while a write statement of the connection
     // is running (a virtual table's methods run inside one): the write then

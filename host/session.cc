@@ -94,6 +94,10 @@ int savepoint_end(zq_session* s, bool rollback) {
 
 extern "C" {
 
+void zqsess_hold_savepoints(zq_session* session, int on) {
+  session->sp_held = on != 0;
+}
+
 zq_session* zqsess_open(zq_env* env, const char* path, int32_t* code) {
   *code = 0;
   if (env == nullptr || path == nullptr) {

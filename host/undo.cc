@@ -4,13 +4,18 @@
 // where SQLite refuses SAVEPOINT, so a write mini-transaction there has no
 // undo of its own (see ptx.cc). For the tables a caller tracks, the default
 // row callbacks report every write here first, and the row's image before
-// the write (or its absence) is kept in memory; a rollback puts the images
-// back, newest first. Nothing is recorded for untracked tables, so the cost
-// is one failed map lookup per write.
+// the write (or its absence) is kept in memory; a restore puts every written
+// row back as it was when tracking began. Nothing is recorded for untracked
+// tables, so the cost is one failed map lookup per write.
 //
-// Call order: zqsess_undo_track(on) -> (row writes, zqsess_undo_mark,
-// zqsess_undo_rollback)* -> zqsess_undo_track(off), which forgets the images.
+// A restore keeps the images: SQLite's own ROLLBACK TO may later undo the
+// restore's writes along with everything else since a savepoint, and only
+// the first image of each row still says what the row was at the start.
+//
+// Call order: zqsess_undo_track(on) -> (row writes, zqsess_undo_restore)* ->
+// zqsess_undo_track(off), which forgets the images.
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "host/internal.h"
@@ -105,26 +110,24 @@ int32_t zqsess_undo_track(zq_session* s, const char* schema, const char* table, 
   return 0;
 }
 
-uint64_t zqsess_undo_mark(const zq_session* s, const char* schema, const char* table) {
-  auto it = s->undo.find(zqhost::undo_key(schema, table));
-  return it == s->undo.end() ? 0 : it->second->rows.size();
-}
-
-int32_t zqsess_undo_rollback(zq_session* s, const char* schema, const char* table, uint64_t mark) {
+int32_t zqsess_undo_restore(zq_session* s, const char* schema, const char* table) {
   auto it = s->undo.find(zqhost::undo_key(schema, table));
   if (it == s->undo.end()) return 0;
   UndoLog* log = it->second.get();
-  while (log->rows.size() > mark) {
-    zqhost::UndoRow& r = log->rows.back();
-    sqlite3_stmt* st = r.existed ? log->restore : log->remove;
-    sqlite3_bind_int64(st, 1, r.rowid);
-    for (size_t c = 0; c < r.vals.size(); ++c)
-      sqlite3_bind_value(st, static_cast<int>(c) + 2, r.vals[c]);
-    const int rc = zqhost::step_once(st);
-    sqlite3_clear_bindings(st);
-    if (rc != SQLITE_DONE) return zqhost::sqlite_fail(s->env, s->db, rc, "zqsess_undo_rollback");
-    for (sqlite3_value* v : r.vals) sqlite3_value_free(v);
-    log->rows.pop_back();
+  std::unordered_set<int64_t> done;
+  try {
+    for (const zqhost::UndoRow& r : log->rows) {
+      if (!done.insert(r.rowid).second) continue;  // only a row's first image counts
+      sqlite3_stmt* st = r.existed ? log->restore : log->remove;
+      sqlite3_bind_int64(st, 1, r.rowid);
+      for (size_t c = 0; c < r.vals.size(); ++c)
+        sqlite3_bind_value(st, static_cast<int>(c) + 2, r.vals[c]);
+      const int rc = zqhost::step_once(st);
+      sqlite3_clear_bindings(st);
+      if (rc != SQLITE_DONE) return zqhost::sqlite_fail(s->env, s->db, rc, "zqsess_undo_restore");
+    }
+  } catch (const std::bad_alloc&) {
+    return zqhost::kErrNoMem;
   }
   return 0;
 }

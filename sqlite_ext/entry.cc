@@ -99,7 +99,11 @@ int init(sqlite3* db, char** err) {
 
 std::string Conn::open() {
   if (database_ != nullptr) return "";
-  zq::Status s = zq::Database::wrap(db, &database_);
+  // The tool's settings variables apply to the extension as well.
+  zq::Settings settings;
+  zq::Status s = zq::Settings::from_environment(&settings);
+  if (s) s = zq::Database::wrap(db, &database_);
+  if (s) database_->apply(settings);
   return s ? "" : s.message();
 }
 

@@ -70,8 +70,8 @@ struct Table : sqlite3_vtab {
   zq_tmptab* pending = nullptr;      // the host's table of pending changes, once needed
   bool pending_made_in_txn = false;  // made inside the open transaction
   bool pending_stale = false;        // a rollback took that transaction's DDL away
-  TreeTxn txn{&index};        // the open transaction's changes to the tree
-  ReadHandle reader{&index};  // searches outside a write transaction
+  TreeTxn txn{&index};               // the open transaction's changes to the tree
+  ReadHandle reader{&index};         // searches outside a write transaction
 
   bool deferred() const { return conn->deferred.count(key()) != 0; }
 

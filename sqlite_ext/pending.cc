@@ -374,13 +374,20 @@ int x_rollback_to(sqlite3_vtab* vtab, int savepoint) {
 int x_sync(sqlite3_vtab* vtab) {
   Table* t = static_cast<Table*>(vtab);
   // A failed xSync makes SQLite roll the whole transaction back, so neither
-  // the write-back nor the commit-time apply needs a journal of its own.
-  if (zq::Status s = t->txn.flush(); !s)
-    return fail(vtab, failure(*t, "writing the tree's changes at commit: " + s.message()));
-  uint64_t applied = 0;
-  if (zq::Status s = apply_pending(t, &applied, false); !s)
-    return fail(vtab, failure(*t, "applying the pending changes at commit: " + s.message()));
-  return SQLITE_OK;
+  // the write-back nor the commit-time apply needs a journal or savepoint of
+  // its own; and here SQLite has already left its transaction state, so a
+  // savepoint would open a new transaction that the commit leaves open.
+  zq_session* session = t->conn->database().session();
+  zqsess_hold_savepoints(session, 1);
+  std::string what = "writing the tree's changes at commit: ";
+  zq::Status s = t->txn.flush();
+  if (s) {
+    what = "applying the pending changes at commit: ";
+    uint64_t applied = 0;
+    s = apply_pending(t, &applied, false);
+  }
+  zqsess_hold_savepoints(session, 0);
+  return s ? SQLITE_OK : fail(vtab, failure(*t, what + s.message()));
 }
 
 }  // namespace zqext

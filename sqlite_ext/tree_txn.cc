@@ -132,8 +132,8 @@ zq::Status TreeTxn::revert(size_t length) {
   // or the last trim).
   int32_t rc = 0;
   if (tracking_)
-    rc = zqsess_undo_rollback(db().session(), index_->schema().c_str(),
-                              index_->node_table().c_str(), 0);
+    rc =
+        zqsess_undo_restore(db().session(), index_->schema().c_str(), index_->node_table().c_str());
   rtr_.reset();
   applied_ = 0;
   written_ = 0;

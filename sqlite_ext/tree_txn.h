@@ -33,8 +33,8 @@
 #ifndef ZQ_SQLITE_EXT_TREE_TXN_H
 #define ZQ_SQLITE_EXT_TREE_TXN_H
 
-#include <cstddef>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <unordered_map>

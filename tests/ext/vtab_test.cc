@@ -113,9 +113,15 @@ TEST(ExtChange, RandomChangesMatchAnOrdinaryTable) {
 
 // A transaction's changes live in one library handle until commit: searches
 // inside it, savepoints, a statement that fails part way, rollbacks and
-// commits must all leave the table as SQLite leaves an ordinary one.
-TEST(ExtTxn, TransactionsAndSavepointsMatchAnOrdinaryTable) {
+// commits must all leave the table as SQLite leaves an ordinary one. Run with
+// the default node buffer and with none, where every change writes node rows
+// at once and the rowid table sees entries move back and forth.
+class ExtTxn : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(ExtTxn, TransactionsAndSavepointsMatchAnOrdinaryTable) {
+  if (GetParam() != nullptr) setenv("ZQRTREE_BUF_HANDLE_MB", GetParam(), 1);
   Db db;
+  unsetenv("ZQRTREE_BUF_HANDLE_MB");
   Mirror mirror(db, 2);
   std::mt19937 rng(3);
   auto change = [&](int n) {
@@ -141,15 +147,39 @@ TEST(ExtTxn, TransactionsAndSavepointsMatchAnOrdinaryTable) {
   const std::string collide =
       "INSERT INTO $T SELECT CASE WHEN id = (SELECT max(id) FROM m) THEN (SELECT min(id) FROM m) "
       "ELSE id + 100000 END, lo0, hi0, lo1, hi1 FROM m ORDER BY id";
-  const std::vector<std::string> script = {
-      "+200",        "BEGIN",       "+60",       "?",
-      "SAVEPOINT a", "+40",         "?",         "ROLLBACK TO a",
-      "?",           "+20",         "RELEASE a", "!",
-      "?",           "COMMIT",      "?",         "BEGIN",
-      "+50",         "ROLLBACK",    "?",         "!",
-      "+10",         "BEGIN",       "+10",       "SAVEPOINT b",
-      "+5",          "SAVEPOINT c", "+10",       "ROLLBACK TO b",
-      "+5",          "COMMIT",      "?"};
+  const std::vector<std::string> script = {"+200",
+                                           "BEGIN",
+                                           "+60",
+                                           "?",
+                                           "SAVEPOINT a",
+                                           "+40",
+                                           "?",
+                                           "ROLLBACK TO a",
+                                           "?",
+                                           "+20",
+                                           "ROLLBACK TO a",
+                                           "+20",
+                                           "RELEASE a",
+                                           "!",
+                                           "?",
+                                           "COMMIT",
+                                           "?",
+                                           "BEGIN",
+                                           "+50",
+                                           "ROLLBACK",
+                                           "?",
+                                           "!",
+                                           "+10",
+                                           "BEGIN",
+                                           "+10",
+                                           "SAVEPOINT b",
+                                           "+5",
+                                           "SAVEPOINT c",
+                                           "+10",
+                                           "ROLLBACK TO b",
+                                           "+5",
+                                           "COMMIT",
+                                           "?"};
   for (const std::string& step : script) {
     SCOPED_TRACE(step);
     if (step[0] == '+') {
@@ -171,6 +201,8 @@ TEST(ExtTxn, TransactionsAndSavepointsMatchAnOrdinaryTable) {
   // No undo journal of ours shows in the user's schema.
   EXPECT_EQ(db.one("SELECT count(*) FROM sqlite_temp_schema"), "0");
 }
+
+INSTANTIATE_TEST_SUITE_P(NodeBuffer, ExtTxn, ::testing::Values(nullptr, "0"));
 
 // A scan still open when its transaction commits keeps reading what it read.
 TEST(ExtTxn, AScanOutlivesTheCommitUnderIt) {
