@@ -90,6 +90,7 @@ Status insert_base_row(const Index& index, Stmt& insert, const Entry& entry,
                        std::string_view where);
 std::string insert_base_sql(const Index& index);
 std::string describe_box(const Box& box, int dims);  // "[1, 2] x [0, 5]"
+std::string number_text(double v);                   // shortest text that reads back the same
 
 // Builds the tree from nothing: the node table is emptied, then packed
 // bottom-up from `feed` (which puts entries with `put`), inside the
