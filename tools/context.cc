@@ -98,7 +98,7 @@ int64_t parse_rowid(std::string_view text) {
   return id;
 }
 
-zq::Box parse_box(std::string_view text, int dims) {
+std::vector<double> parse_numbers(std::string_view text, std::string_view what) {
   std::vector<double> values;
   size_t start = 0;
   while (start <= text.size()) {
@@ -111,11 +111,16 @@ zq::Box parse_box(std::string_view text, int dims) {
     double v = 0;
     auto [p, ec] = std::from_chars(field.data(), field.data() + field.size(), v);
     if (field.empty() || ec != std::errc() || p != field.data() + field.size())
-      throw UsageError(fmt::format("box '{}': coordinate {} '{}' is not a number", text,
+      throw UsageError(fmt::format("{} '{}': coordinate {} '{}' is not a number", what, text,
                                    values.size() + 1, field));
     values.push_back(v);
     start = comma + 1;
   }
+  return values;
+}
+
+zq::Box parse_box(std::string_view text, int dims) {
+  const std::vector<double> values = parse_numbers(text, "box");
   if (values.size() != static_cast<size_t>(2 * dims))
     throw UsageError(fmt::format(
         "box '{}' has {} coordinates; a {}-axis index needs {} (all minima, then all maxima)", text,

@@ -17,6 +17,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "driver/index.h"
 
@@ -74,6 +75,9 @@ void add_target(CLI::App* cmd, Target* target);
 // The subcommand's help footer: an example or two.
 void set_example(CLI::App* cmd, const std::string& examples);
 
+// Comma-separated numbers; throws UsageError naming `what` ("box") and the
+// field that is not a number.
+std::vector<double> parse_numbers(std::string_view text, std::string_view what);
 // "min0,min1,...,max0,max1,..." (all minima, then all maxima) for `dims`
 // axes; throws UsageError naming the problem.
 zq::Box parse_box(std::string_view text, int dims);
@@ -93,6 +97,7 @@ void add_load(CLI::App& app, Context& ctx);
 void add_insert(CLI::App& app, Context& ctx);
 void add_delete(CLI::App& app, Context& ctx);
 void add_query(CLI::App& app, Context& ctx);
+void add_nearest(CLI::App& app, Context& ctx);
 void add_print(CLI::App& app, Context& ctx);
 void add_check(CLI::App& app, Context& ctx);
 void add_stats(CLI::App& app, Context& ctx);
