@@ -15,6 +15,7 @@
 
 #include "rtr/frame.h"
 #include "rtr/geom_inline.h"
+#include "rtr/node_hash.h"
 #include "zqrtree/node.h"
 
 namespace {
@@ -36,12 +37,12 @@ template <unsigned N>
 ZQ_GEOM_INLINE double dist2(const rtr_rect* e, const rtr_rect* q) {
   double sum = 0.0;
   for (unsigned k = 0; k < N; ++k) {
-    double gap = 0.0;
-    if (geom::hi(q, k) < geom::lo(e, k)) {
-      gap = geom::lo(e, k) - geom::hi(q, k);
-    } else if (geom::hi(e, k) < geom::lo(q, k)) {
-      gap = geom::lo(q, k) - geom::hi(e, k);
-    }
+    // Of the two differences at most one is positive for boxes with min <=
+    // max; written as selections so they compile without branches.
+    const double above = geom::lo(e, k) - geom::hi(q, k);
+    const double below = geom::lo(q, k) - geom::hi(e, k);
+    double gap = above > below ? above : below;
+    gap = gap > 0.0 ? gap : 0.0;
     sum += gap * gap;
   }
   return sum;
@@ -85,58 +86,95 @@ void heap_pop(Item* heap, uint32_t* n) {
   heap[i] = last;
 }
 
-// One more slot in a queue, within the cap. The slots move to a block twice
-// the size; the old block is freed only once the copy is made, so a failed
-// allocation leaves the queue as it was.
+// Slots for `want` items in a queue, or as many as the cap leaves. The
+// slots move to a block at least twice the size; the old block is freed only
+// once the copy is made, so a failed allocation leaves the queue as it was.
 template <class Item>
-int32_t make_room(zq_env* env, rnn* nn, Item** slots, uint32_t* size, uint32_t n) {
-  if (nn->n_nodes + nn->n_entries >= nn->max_queue) {
-    nn->cap_hit = 1;
-    return RTR_ERR_NO_ROOM;
-  }
-  if (n < *size) return RTR_OK;
-  uint32_t grown = *size == 0 ? kFirstSlots : *size * 2;
-  if (grown > nn->max_queue || grown < *size) grown = nn->max_queue;
+int32_t reserve(zq_env* env, const rnn* nn, Item** slots, uint32_t* size, uint32_t n,
+                uint64_t want) {
+  if (want <= *size) return RTR_OK;
+  uint64_t grown = *size == 0 ? kFirstSlots : uint64_t{*size} * 2;
+  if (grown < want) grown = want;
+  if (grown > nn->max_queue) grown = nn->max_queue;
+  if (grown <= *size) return RTR_OK;
   auto* moved = static_cast<Item*>(mem_malloc_ex(env, sizeof(Item) * grown, __FILE__, __LINE__));
   if (moved == nullptr) return RTR_ERR_NO_ROOM;
   if (n != 0) std::memcpy(moved, *slots, sizeof(Item) * n);
   mem_free(env, *slots);
   *slots = moved;
-  *size = grown;
+  *size = static_cast<uint32_t>(grown);
   return RTR_OK;
 }
 
-int32_t queue_node(zq_env* env, rnn* nn, const rnn_node_item& item) {
-  const int32_t rc = make_room(env, nn, &nn->nodes, &nn->nodes_size, nn->n_nodes);
+// A node the search will likely read next, fetched from memory while the
+// current node's cells are queued. Only a hint: the node is found the
+// usual way when its turn comes, and the head of its hash chain is most
+// often the node itself, as a lookup moves the node it finds to the head.
+void prefetch_node(const rtr_mem* rtr, int64_t id) {
+  if (rtr->n_cached == 0) return;
+  const rtr_node* head = *zqrtree::bucket_of(rtr, id);
+  if (head == nullptr) return;
+  const char* p = reinterpret_cast<const char*>(head);
+  __builtin_prefetch(p);
+  __builtin_prefetch(p + 64);
+}
+
+// Queues the cells that lie within the limit into one heap. Room for all of
+// them is made before the first, so the loop itself only pushes; the cap is
+// counted per item, as only the items within the limit take a place. The
+// distances come first, so a branch's nearest child is on its way from
+// memory while the pushes run.
+template <unsigned N, bool kBranch, class Item, class Make>
+int32_t queue_cells(zq_env* env, rnn* nn, const rtr_node* node, Item** slots, uint32_t* size,
+                    uint32_t* count, Make make) {
+  const uint32_t n = node->n_cells < RTR_MAX_CELLS ? node->n_cells : RTR_MAX_CELLS;
+  int32_t rc = reserve(env, nn, slots, size, *count, uint64_t{*count} + n);
   if (rc < 0) return rc;
-  heap_push(nn->nodes, &nn->n_nodes, item);
-  return RTR_OK;
-}
-
-int32_t queue_entry(zq_env* env, rnn* nn, const rnn_entry_item& item) {
-  const int32_t rc = make_room(env, nn, &nn->entries, &nn->entries_size, nn->n_entries);
-  if (rc < 0) return rc;
-  heap_push(nn->entries, &nn->n_entries, item);
-  return RTR_OK;
-}
-
-// Queues the node's cells that lie within the limit: a leaf's as entries, a
-// branch's as the child nodes to read.
-template <unsigned N>
-int32_t expand(zq_env* env, rnn* nn, const rtr_node* node) {
   const rtr_rect* q = &nn->query;
-  const double limit = nn->max_dist2;
-  const uint32_t n = node->n_cells;
+  double d[RTR_MAX_CELLS];
+  uint32_t nearest = 0;
   for (uint32_t i = 0; i < n; ++i) {
-    const rtr_cell& cell = node->cells[i];
-    const double d = dist2<N>(&cell.rect, q);
+    d[i] = dist2<N>(&node->cells[i].rect, q);
+    if (d[i] < d[nearest]) nearest = i;
+  }
+  if (kBranch && n != 0) prefetch_node(nn->rtr, node->cells[nearest].id);
+  uint32_t room = nn->max_queue - (nn->n_nodes + nn->n_entries);
+  const double limit = nn->max_dist2;
+  Item* heap = *slots;
+  for (uint32_t i = 0; i < n; ++i) {
     // Written so that a NaN distance queues nothing.
-    if (!(d <= limit)) continue;
-    const int32_t rc = node->level == 0 ? queue_entry(env, nn, rnn_entry_item{d, cell})
-                                        : queue_node(env, nn, rnn_node_item{d, cell.id});
-    if (rc < 0) return rc;
+    if (!(d[i] <= limit)) continue;
+    if (room == 0) {
+      nn->cap_hit = 1;
+      return RTR_ERR_NO_ROOM;
+    }
+    --room;
+    heap_push(heap, count, make(d[i], node->cells[i]));
   }
   return RTR_OK;
+}
+
+// A node is read once per query, from its first cell to its last: asking for
+// all its lines up front overlaps their memory latency.
+void prefetch_cells(const rtr_node* node) {
+  const char* p = reinterpret_cast<const char*>(node->cells);
+  const char* end = reinterpret_cast<const char*>(node->cells + node->n_cells);
+  for (; p < end; p += 64) __builtin_prefetch(p);
+}
+
+// A leaf's cells go to the entry queue, a branch's to the node queue.
+template <unsigned N>
+int32_t expand(zq_env* env, rnn* nn, const rtr_node* node) {
+  prefetch_cells(node);
+  if (node->level == 0)
+    return queue_cells<N, false>(env, nn, node, &nn->entries, &nn->entries_size, &nn->n_entries,
+                                 [](double d, const rtr_cell& c) {
+                                   return rnn_entry_item{d, c};
+                                 });
+  return queue_cells<N, true>(env, nn, node, &nn->nodes, &nn->nodes_size, &nn->n_nodes,
+                              [](double d, const rtr_cell& c) {
+                                return rnn_node_item{d, c.id};
+                              });
 }
 
 // A two-axis row is read with its third axis spanning everything (intended,
@@ -169,6 +207,8 @@ int32_t advance(zq_env* env, rnn* nn) {
     int32_t rc = rtr_node_acquire(env, nn->rtr, nn->nodes[0].node_id, &node);
     if (rc < 0) return rc;
     heap_pop(nn->nodes, &nn->n_nodes);
+    // The next node in line, unless one of this node's cells overtakes it.
+    if (nn->n_nodes != 0) prefetch_node(nn->rtr, nn->nodes[0].node_id);
     rc = geom::by_dims(nn->rtr->n_dims,
                        [&](auto dims) { return expand<decltype(dims)::value>(env, nn, node); });
     rtr_node_release(node);
@@ -195,8 +235,11 @@ extern "C" int32_t rnn_open(zq_env* env, rnn* nn, const rtr_rect* query, double 
   nn->n_nodes = 0;
   nn->n_entries = 0;
   // The root has no box of its own to measure; it is read first in any case.
-  int32_t rc = queue_node(env, nn, rnn_node_item{0.0, RTR_ROOT_ID});
-  if (rc >= 0) rc = advance(env, nn);
+  int32_t rc = reserve(env, nn, &nn->nodes, &nn->nodes_size, 0, 1);
+  if (rc >= 0) {
+    heap_push(nn->nodes, &nn->n_nodes, rnn_node_item{0.0, RTR_ROOT_ID});
+    rc = advance(env, nn);
+  }
   if (rc < 0) return fail(env, rc, "rnn_open");
   return RTR_OK;
 }
