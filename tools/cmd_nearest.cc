@@ -1,7 +1,6 @@
 // zqrtree nearest: the k entries nearest to a point or a box, nearest first,
 // with their distances; equal distances come in rowid order.
 #include <cmath>
-#include <cstdio>
 
 #include "tools/tool.h"
 
@@ -48,13 +47,10 @@ int run_nearest(Context& ctx, const NearestArgs& a) {
   zq::Status s = index.nearest(query, options, [&](const zq::Neighbour& n) {
     out += fmt::format("{},{},{}\n", n.entry.id, number(n.distance),
                        box_text(n.entry.box, index.dims()));
-    if (out.size() > (1 << 16)) {
-      std::fwrite(out.data(), 1, out.size(), stdout);
-      out.clear();
-    }
+    write_out(&out);
     return true;
   });
-  std::fwrite(out.data(), 1, out.size(), stdout);
+  write_out(&out, true);
   if (!s) return ctx.fail(s);
   return kDone;
 }

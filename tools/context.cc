@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -66,6 +67,12 @@ void add_target(CLI::App* cmd, Target* target) {
 
 void set_example(CLI::App* cmd, const std::string& examples) {
   cmd->footer("Example:\n" + examples + "\n");
+}
+
+void write_out(std::string* out, bool done) {
+  if (!done && out->size() <= (1 << 16)) return;
+  std::fwrite(out->data(), 1, out->size(), stdout);
+  out->clear();
 }
 
 std::string number(double v) {

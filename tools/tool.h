@@ -84,6 +84,9 @@ zq::Box parse_box(std::string_view text, int dims);
 // A rowid given on the command line: a decimal whole number within int64;
 // throws UsageError naming the text otherwise.
 int64_t parse_rowid(std::string_view text);
+// Writes `out` to standard output and empties it once it has grown past
+// 64 KiB, or whatever it holds when `done`: long answers go out in chunks.
+void write_out(std::string* out, bool done = false);
 // One coordinate, shortest text that reads back to the same double.
 std::string number(double v);
 // "min0,...,max0,..." as BOX arguments take it.
