@@ -80,22 +80,8 @@ std::vector<int64_t> expected(const Model& model, uint32_t op, const Box& q, int
 
 using Near = std::vector<std::pair<int64_t, double>>;
 
-// Nearest first by the distance's definition, equal distances by rowid.
 Near nearest_model(const Model& model, const Box& q, int dims, const zq::NearestOptions& o) {
-  std::vector<std::pair<double, int64_t>> all;
-  for (const auto& [id, b] : model) {
-    double d2 = 0;
-    for (int k = 0; k < dims; ++k) {
-      const double gap = std::max({0.0, b.min[k] - q.max[k], q.min[k] - b.max[k]});
-      d2 += gap * gap;
-    }
-    if (std::sqrt(d2) <= o.max_distance) all.push_back({d2, id});
-  }
-  std::sort(all.begin(), all.end());
-  if (o.k != 0 && all.size() > o.k) all.resize(o.k);
-  Near out;
-  for (const auto& [d2, id] : all) out.push_back({id, std::sqrt(d2)});
-  return out;
+  return zqtool::model_nearest(model, q, dims, o.k, o.max_distance);
 }
 
 Near nearest(const zq::Index& index, const Box& q, const zq::NearestOptions& o) {

@@ -109,30 +109,22 @@ class ToolTest : public ::testing::Test {
   // Nearest first, equal distances by rowid, each line's distance and box
   // read back exactly.
   void expect_nearest_matches(const Model& model, int dims, uint64_t seed) {
-    for (const auto& [id, q] : random_model(dims, 0, 3, seed)) {
+    for (auto [id, q] : random_model(dims, 0, 3, seed)) {
+      // Points as x,y[,z] with -k, boxes with a distance limit only.
       const bool point = id % 2 == 0;
-      std::vector<std::pair<double, int64_t>> want;
-      for (const auto& [rowid, b] : model) {
-        double d2 = 0;
-        for (int k = 0; k < dims; ++k) {
-          const double top = point ? q.min[k] : q.max[k];
-          const double gap = std::max({0.0, b.min[k] - top, q.min[k] - b.max[k]});
-          d2 += gap * gap;
-        }
-        if (point || d2 <= 36) want.push_back({std::sqrt(d2), rowid});
-      }
-      std::sort(want.begin(), want.end());
-      if (point) want.resize(std::min<size_t>(want.size(), 7));
-      // A point is the box's minima: box_arg of them with its maxima (",0"
-      // each) cut off.
       std::string query = box_arg(q, dims);
-      if (point) query = box_arg(Box{{q.min[0], q.min[1], q.min[2]}, {}}, dims);
-      if (point) query.resize(query.size() - 2 * static_cast<size_t>(dims));
+      if (point) {
+        size_t cut = 0;  // past the comma that ends the minima
+        for (int k = 0; k < dims; ++k) cut = query.find(',', cut) + 1;
+        query.resize(cut - 1);
+        for (int k = 0; k < dims; ++k) q.max[k] = q.min[k];
+      }
+      const auto want = zqtool::model_nearest(model, q, dims, point ? 7 : 0, point ? INFINITY : 6);
       const Outcome r = run({"nearest", db_, "t", query, "-k", point ? "7" : "0", "--max-distance",
                              point ? "inf" : "6"});
       ASSERT_EQ(r.status, 0) << r.err;
       std::istringstream lines(r.out);
-      for (const auto& [distance, rowid] : want) {
+      for (const auto& [rowid, distance] : want) {
         std::string line;
         ASSERT_TRUE(std::getline(lines, line)) << query;
         char* p = nullptr;
