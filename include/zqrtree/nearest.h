@@ -21,9 +21,10 @@
  * released before the call returns, so between calls the cursor holds no pin.
  *
  * Memory: the queues come from engine memory (mem_malloc_ex) and never hold
- * more than `max_queue` nodes and entries together. A query that would need
- * more fails with RTR_ERR_NO_ROOM and `cap_hit` set: a result is never cut
- * short silently. Entries farther than the query's distance limit are never
+ * more than `max_queue` nodes and entries together, so they never take more
+ * than 80 bytes times `max_queue` (16 a node, 64 an entry). A query that
+ * would need more fails with RTR_ERR_NO_ROOM and `cap_hit` set: a result is
+ * never cut short silently. Entries farther than the query's distance limit are never
  * queued, so a limit keeps a radius search small as well.
  *
  * Failures follow the library's convention: the negative code is pushed once
