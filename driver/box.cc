@@ -26,8 +26,7 @@ Box from_rect(const rtr_rect& rect, int dims) {
   return box;
 }
 
-// The shortest text that reads back as the same double.
-static std::string number_text(double v) {
+std::string detail::number_text(double v) {
   char buf[64];
   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
   return ec == std::errc() ? std::string(buf, end) : std::string("?");
@@ -39,8 +38,8 @@ std::string box_problem(const Box& box, int dims) {
     if (!std::isfinite(box.min[k])) return "min" + axis + " is not a finite number";
     if (!std::isfinite(box.max[k])) return "max" + axis + " is not a finite number";
     if (box.min[k] > box.max[k])
-      return "min" + axis + " " + number_text(box.min[k]) + " is above max" + axis + " " +
-             number_text(box.max[k]);
+      return "min" + axis + " " + detail::number_text(box.min[k]) + " is above max" + axis + " " +
+             detail::number_text(box.max[k]);
   }
   for (int k = dims; k < kMaxDims; ++k) {
     if (box.min[k] != 0 || box.max[k] != 0)

@@ -36,6 +36,7 @@
 #include <stdint.h>
 
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -235,6 +236,22 @@ class VectorSource : public EntrySource {
   size_t pos_ = 0;
 };
 
+// One answer of a nearest-neighbour search: the entry and its Euclidean
+// distance to the query over every axis of the index (0 when they overlap).
+struct Neighbour {
+  Entry entry;
+  double distance = 0;
+};
+
+struct NearestOptions {
+  uint64_t k = 10;  // at most this many answers; 0: no count limit
+  double max_distance = std::numeric_limits<double>::infinity();  // farther ones are left out
+  // Nodes and entries the search may keep queued at once (the library's
+  // cap; 0 takes its default of RNN_DEFAULT_MAX_QUEUE). A search that needs
+  // more fails with kEngine and a message saying so, never with fewer answers.
+  uint32_t max_queue = 0;
+};
+
 // One tree node as a walk sees it.
 struct NodeView {
   int64_t id;
@@ -271,6 +288,11 @@ class Index {
 
   // Every hit of `op` against `query`; `visit` returns false to stop early.
   Status query(uint32_t op, const Box& query, const std::function<bool(const Entry&)>& visit) const;
+  // The entries nearest to `query` (a point is a box with min = max),
+  // nearest first, equal distances in rowid order; `visit` returns false to
+  // stop early. A bad query box or max distance is kInvalid.
+  Status nearest(const Box& query, const NearestOptions& options,
+                 const std::function<bool(const Neighbour&)>& visit) const;
   // The stored box of a rowid; kNotFound when it is not indexed.
   Status lookup(int64_t id, Box* box) const;
   Status count(uint64_t* n) const;  // indexed rows
@@ -335,6 +357,39 @@ class Scan {
   uint32_t op_ = 0;
   Box query_;
   Entry entry_;
+  bool at_end_ = true;
+};
+
+// A pull-style nearest-neighbour search (for a virtual table cursor): the
+// caller decides the transaction, the search holds one reading-mode handle
+// (or borrows the caller's) and its queue until it is closed or destroyed.
+class NearestScan {
+ public:
+  explicit NearestScan(const Index& index);
+  ~NearestScan();
+  NearestScan(const NearestScan&) = delete;
+  NearestScan& operator=(const NearestScan&) = delete;
+
+  Status open(const Box& query, const NearestOptions& options);
+  Status open(const Box& query, const NearestOptions& options, rtr_mem* borrowed);
+  bool at_end() const { return at_end_; }
+  Status next();
+  const Neighbour& neighbour() const { return neighbour_; }  // valid while !at_end()
+  void close();
+
+ private:
+  Status start(const Box& query, const NearestOptions& options);
+  Status settle();  // takes the cursor's current entry, or ends
+  Status failure(int32_t code);
+  void drop_handle();
+  const Index* index_;
+  rtr_mem* rtr_ = nullptr;
+  bool owned_ = true;
+  struct Record;
+  std::unique_ptr<Record> rec_;
+  NearestOptions options_;
+  uint64_t delivered_ = 0;
+  Neighbour neighbour_;
   bool at_end_ = true;
 };
 

@@ -84,6 +84,7 @@ class Handle {
 };
 
 std::string describe_box(const Box& box, int dims);  // "[1, 2] x [0, 5]"
+std::string number_text(double v);                   // shortest text that reads back the same
 
 // Every node reachable from the root of `rtr`'s tree, parents first.
 Status walk_tree(const Index& index, rtr_mem* rtr,

@@ -7,12 +7,12 @@
 #include "host/host.h"
 #include "zqrtree/zqrtree.h"
 
-#define CHECK(cond)                                               \
-  do {                                                            \
-    if (!(cond)) {                                                \
+#define CHECK(cond)                                                            \
+  do {                                                                         \
+    if (!(cond)) {                                                             \
       fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-      return 1;                                                   \
-    }                                                             \
+      return 1;                                                                \
+    }                                                                          \
   } while (0)
 
 static rtr_cell make_cell(int64_t id, double x0, double y0, double x1, double y1) {
@@ -33,6 +33,8 @@ int main(void) {
   zq_index index = {"c_api", NULL, NULL, NULL};
   rtr_mem* rtr = NULL;
   rcur cur;
+  rnn nn;
+  static const int64_t near_ids[5] = {43, 23, 42, 44, 63};
   rtr_rect q;
   int hits = 0;
   int64_t sum = 0;
@@ -77,6 +79,19 @@ int main(void) {
     sum += hit.id;
     CHECK(rcur_next(env, &cur) == 0);
   }
+
+  /* Nearest to (2.5, 2.5): its own square, then the four at 0.5 by rowid. */
+  rnn_init(&nn, rtr, 0);
+  q.min0 = q.max0 = q.min1 = q.max1 = 2.5;
+  CHECK(rnn_open(env, &nn, &q, RNN_NO_LIMIT) == 0);
+  for (i = 0; i < 5; ++i) {
+    rtr_cell hit;
+    double d2 = -1;
+    CHECK(!rnn_is_end(&nn) && rnn_column(env, &nn, &hit, &d2) == 0);
+    CHECK(hit.id == near_ids[i] && d2 == (i == 0 ? 0.0 : 0.25));
+    CHECK(rnn_next(env, &nn) == 0);
+  }
+  rnn_close(env, &nn);
   rtr_mem_destroy(env, rtr);
   /* Squares (x, y) with x in {2,3,4}, y in {2,3}: id = y * 20 + x + 1. */
   CHECK(hits == 6);

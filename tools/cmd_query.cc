@@ -34,13 +34,10 @@ int run_query(Context& ctx, const QueryArgs& a) {
     if (a.count) return true;
     out += a.entries ? entry_csv(e, index.dims()) : std::to_string(e.id);
     out += '\n';
-    if (out.size() > (1 << 16)) {
-      std::fwrite(out.data(), 1, out.size(), stdout);
-      out.clear();
-    }
+    write_out(&out);
     return true;
   });
-  std::fwrite(out.data(), 1, out.size(), stdout);
+  write_out(&out, true);
   if (!s) return ctx.fail(s);
   if (a.count) std::printf("%llu\n", static_cast<unsigned long long>(hits));
   return kDone;

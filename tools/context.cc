@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -68,6 +69,12 @@ void set_example(CLI::App* cmd, const std::string& examples) {
   cmd->footer("Example:\n" + examples + "\n");
 }
 
+void write_out(std::string* out, bool done) {
+  if (!done && out->size() <= (1 << 16)) return;
+  std::fwrite(out->data(), 1, out->size(), stdout);
+  out->clear();
+}
+
 std::string number(double v) {
   return fmt::format("{}", v);
 }
@@ -98,7 +105,7 @@ int64_t parse_rowid(std::string_view text) {
   return id;
 }
 
-zq::Box parse_box(std::string_view text, int dims) {
+std::vector<double> parse_numbers(std::string_view text, std::string_view what) {
   std::vector<double> values;
   size_t start = 0;
   while (start <= text.size()) {
@@ -111,11 +118,16 @@ zq::Box parse_box(std::string_view text, int dims) {
     double v = 0;
     auto [p, ec] = std::from_chars(field.data(), field.data() + field.size(), v);
     if (field.empty() || ec != std::errc() || p != field.data() + field.size())
-      throw UsageError(fmt::format("box '{}': coordinate {} '{}' is not a number", text,
+      throw UsageError(fmt::format("{} '{}': coordinate {} '{}' is not a number", what, text,
                                    values.size() + 1, field));
     values.push_back(v);
     start = comma + 1;
   }
+  return values;
+}
+
+zq::Box parse_box(std::string_view text, int dims) {
+  const std::vector<double> values = parse_numbers(text, "box");
   if (values.size() != static_cast<size_t>(2 * dims))
     throw UsageError(fmt::format(
         "box '{}' has {} coordinates; a {}-axis index needs {} (all minima, then all maxima)", text,

@@ -54,6 +54,7 @@ int main(int argc, char** argv) {
   zqtool::add_insert(app, ctx);
   zqtool::add_delete(app, ctx);
   zqtool::add_query(app, ctx);
+  zqtool::add_nearest(app, ctx);
   zqtool::add_print(app, ctx);
   zqtool::add_check(app, ctx);
   zqtool::add_stats(app, ctx);

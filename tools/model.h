@@ -9,10 +9,18 @@
 // decides alone with equal (intersect and within are then not consulted),
 // and any is ignored. OR mode (--or): any named condition holds; no name at
 // all accepts everything.
+//
+// And of nearest-neighbour search: per axis how far apart the entry's and
+// the query's intervals are (0 when they meet), squared, summed over the
+// axes in order, the root taken; nearest first, equal distances by rowid.
 #ifndef ZQ_TOOLS_MODEL_H
 #define ZQ_TOOLS_MODEL_H
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <utility>
+#include <vector>
 
 #include "driver/index.h"
 
@@ -54,6 +62,27 @@ inline bool model_matches(uint32_t op, const zq::Box& e, const zq::Box& q, int d
     if (inter && !model_overlaps(e, q, dims)) return false;
   }
   return !equal || model_equal(e, q, dims);
+}
+
+// (rowid, distance) of the entries nearest to `q` out of `entries`, a range
+// of (rowid, box) pairs: at most k (0: no limit), none beyond max_distance.
+template <class Entries>
+std::vector<std::pair<int64_t, double>> model_nearest(const Entries& entries, const zq::Box& q,
+                                                      int dims, uint64_t k, double max_distance) {
+  std::vector<std::pair<double, int64_t>> all;
+  for (const auto& [id, b] : entries) {
+    double d2 = 0;
+    for (int i = 0; i < dims; ++i) {
+      const double gap = std::max({0.0, b.min[i] - q.max[i], q.min[i] - b.max[i]});
+      d2 += gap * gap;
+    }
+    if (std::sqrt(d2) <= max_distance) all.push_back({d2, id});
+  }
+  std::sort(all.begin(), all.end());
+  if (k != 0 && all.size() > k) all.resize(k);
+  std::vector<std::pair<int64_t, double>> out;
+  for (const auto& [d2, id] : all) out.push_back({id, std::sqrt(d2)});
+  return out;
 }
 
 }  // namespace zqtool

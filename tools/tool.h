@@ -17,6 +17,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "driver/index.h"
 
@@ -74,12 +75,18 @@ void add_target(CLI::App* cmd, Target* target);
 // The subcommand's help footer: an example or two.
 void set_example(CLI::App* cmd, const std::string& examples);
 
+// Comma-separated numbers; throws UsageError naming `what` ("box") and the
+// field that is not a number.
+std::vector<double> parse_numbers(std::string_view text, std::string_view what);
 // "min0,min1,...,max0,max1,..." (all minima, then all maxima) for `dims`
 // axes; throws UsageError naming the problem.
 zq::Box parse_box(std::string_view text, int dims);
 // A rowid given on the command line: a decimal whole number within int64;
 // throws UsageError naming the text otherwise.
 int64_t parse_rowid(std::string_view text);
+// Writes `out` to standard output and empties it once it has grown past
+// 64 KiB, or whatever it holds when `done`: long answers go out in chunks.
+void write_out(std::string* out, bool done = false);
 // One coordinate, shortest text that reads back to the same double.
 std::string number(double v);
 // "min0,...,max0,..." as BOX arguments take it.
@@ -93,6 +100,7 @@ void add_load(CLI::App& app, Context& ctx);
 void add_insert(CLI::App& app, Context& ctx);
 void add_delete(CLI::App& app, Context& ctx);
 void add_query(CLI::App& app, Context& ctx);
+void add_nearest(CLI::App& app, Context& ctx);
 void add_print(CLI::App& app, Context& ctx);
 void add_check(CLI::App& app, Context& ctx);
 void add_stats(CLI::App& app, Context& ctx);

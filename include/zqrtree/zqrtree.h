@@ -16,6 +16,7 @@
 #include "zqrtree/geom.h"
 #include "zqrtree/hook.h"
 #include "zqrtree/mem.h"
+#include "zqrtree/nearest.h"
 #include "zqrtree/node.h"
 #include "zqrtree/phy.h"
 #include "zqrtree/spt.h"

@@ -8,12 +8,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <random>
 
 #include "check/check.h"
 #include "driver/db_dump.h"
 #include "driver/index.h"
+#include "host/host.h"
 #include "tools/model.h"
 
 namespace {
@@ -76,6 +78,22 @@ std::vector<int64_t> expected(const Model& model, uint32_t op, const Box& q, int
   return ids;
 }
 
+using Near = std::vector<std::pair<int64_t, double>>;
+
+Near nearest_model(const Model& model, const Box& q, int dims, const zq::NearestOptions& o) {
+  return zqtool::model_nearest(model, q, dims, o.k, o.max_distance);
+}
+
+Near nearest(const zq::Index& index, const Box& q, const zq::NearestOptions& o) {
+  Near out;
+  Status s = index.nearest(q, o, [&](const zq::Neighbour& n) {
+    out.push_back({n.entry.id, n.distance});
+    return true;
+  });
+  EXPECT_TRUE(s) << s.message();
+  return out;
+}
+
 class DriverTest : public ::testing::Test {
  protected:
   void SetUp() override { open(); }
@@ -102,10 +120,18 @@ class DriverTest : public ::testing::Test {
     size_t i = 0;
     for (const auto& [id, box] : model)
       if (i++ % step == 0) queries.push_back(box);
-    for (const Box& q : queries)
+    for (const Box& q : queries) {
       for (uint32_t op : kOps)
         ASSERT_EQ(search(index, op, q), expected(model, op, q, dims))
             << "op " << zq::op_name(op) << " dims " << dims;
+      // Nearest neighbours on every axis; the limit of 5 falls on grid
+      // distances, so entries at exactly the limit are common.
+      for (const zq::NearestOptions& o :
+           {zq::NearestOptions{1}, zq::NearestOptions{25}, zq::NearestOptions{0, 5.0}}) {
+        ASSERT_EQ(nearest(index, q, o), nearest_model(model, q, dims, o))
+            << "k " << o.k << " max " << o.max_distance << " dims " << dims;
+      }
+    }
   }
 
   void expect_sound(const zq::Index& index) {
@@ -211,6 +237,15 @@ TEST_F(DriverTest, BadInputIsRefusedAndChangesNothing) {
       {zq::Index::create(*db_, "u", 0, &other), Status::Kind::kInvalid,
        "dimension count 0 is not 1, 2 or 3"},
       {zq::Index::create(*db_, "t", 2, &other), Status::Kind::kExists, "index 't' already exists"},
+      {index.nearest(Box{{0, 0, 1}, {1, 1, 2}}, {}, [](const zq::Neighbour&) { return true; }),
+       Status::Kind::kInvalid, "query box: axis 2 is set"},
+      {index.nearest(Box{}, zq::NearestOptions{3, -1}, [](const zq::Neighbour&) { return true; }),
+       Status::Kind::kInvalid, "max distance -1 is not a number of 0 or more"},
+      {index.nearest(Box{}, zq::NearestOptions{3, NAN}, [](const zq::Neighbour&) { return true; }),
+       Status::Kind::kInvalid, "max distance nan is not"},
+      {index.nearest(Box{}, zq::NearestOptions{50, INFINITY, 20},
+                     [](const zq::Neighbour&) { return true; }),
+       Status::Kind::kEngine, "needs more than 20 nodes and entries queued at once"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(c.status.kind(), c.kind) << c.status.message();
@@ -250,6 +285,32 @@ TEST_F(DriverTest, AProgramGroupsOperationsInItsOwnTransaction) {
   db_->rollback();
   EXPECT_EQ(zqtest::dump_database(path_), committed);
   expect_matches_model(index, model, 8);
+}
+
+// "For each place, its 3 nearest": many searches on one handle the caller
+// keeps, each answer the model's, the queue's memory given back at the end.
+TEST_F(DriverTest, NearestSearchesOnAKeptHandle) {
+  zq::Index index = create(3);
+  const std::vector<Entry> parks = random_entries(3, 1, 3000, 61);
+  zq::VectorSource src(parks);
+  ASSERT_TRUE(index.load(src, {}));
+  Model model;
+  for (const Entry& e : parks) model[e.id] = e.box;
+  const uint64_t live = zqenv_live_allocs(db_->env());
+  Status s = index.with_read_handle([&](rtr_mem* rtr) {
+    zq::NearestScan scan(index);
+    for (const Entry& place : random_entries(3, 0, 40, 62)) {
+      Near got;
+      Status st = scan.open(place.box, zq::NearestOptions{3}, rtr);
+      for (; st && !scan.at_end(); st = scan.next())
+        got.push_back({scan.neighbour().entry.id, scan.neighbour().distance});
+      if (!st) return st;
+      EXPECT_EQ(got, nearest_model(model, place.box, 3, zq::NearestOptions{3}));
+    }
+    return Status::ok();
+  });
+  ASSERT_TRUE(s) << s.message();
+  EXPECT_EQ(zqenv_live_allocs(db_->env()), live);
 }
 
 TEST_F(DriverTest, NamesAtTheLimitAndQuotesWork) {

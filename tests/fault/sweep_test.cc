@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -24,6 +25,7 @@
 
 #include "rtrbld/bld_util.h"
 #include "tree/tree_util.h"
+#include "zqrtree/nearest.h"
 #include "zqrtree/spt.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -394,6 +396,42 @@ TEST_F(FaultSweep, SearchCursor) {
   EXPECT_EQ(op.run(), 0);
   op.finish();
   EXPECT_GT(hits.size(), 5u);
+}
+
+// Every node read of a nearest-neighbour query under fault, and the queue's
+// growth under allocation faults: the record gives back its queue on every
+// path, and the fault-free answer is the brute-force one.
+TEST_F(FaultSweep, NearestNeighbours) {
+  grow(2);
+  zqsess_set_rtree_buf_mb(sess_, 4096, 0);
+  const rtr_rect q = box2(480.5, 510.25, 480.5, 510.25);
+  std::vector<int64_t> got;
+  Op op{[this] { return rtr_mem_create(env_, sess_, 2, scope_, &index_, 1, &rtr_); },
+        [this, &got, q] {
+          rnn nn;
+          rnn_init(&nn, rtr_, 0);
+          got.clear();
+          int32_t rc = rnn_open(env_, &nn, &q, RNN_NO_LIMIT);
+          for (; rc >= 0 && !rnn_is_end(&nn) && got.size() < 300; rc = rnn_next(env_, &nn))
+            got.push_back(nn.hit.cell.id);
+          rnn_close(env_, &nn);
+          return rc;
+        },
+        [this] { discard(); },
+        {"rnn_open", "rnn_next", "rtr_node_acquire", "rtr_phy_read_node"}};
+  sweep("nearest", op);
+  ASSERT_EQ(op.prepare(), 0);
+  EXPECT_EQ(op.run(), 0);
+  op.finish();
+  std::vector<std::pair<double, int64_t>> all;
+  for (int64_t i = 0; i < n_; ++i) {
+    const rtr_rect p = point(i);
+    const double dx = p.min0 - q.min0, dy = p.min1 - q.min1;
+    all.push_back({dx * dx + dy * dy, i});
+  }
+  std::sort(all.begin(), all.end());
+  ASSERT_EQ(got.size(), 300u);
+  for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], all[i].second) << i;
 }
 
 TEST_F(FaultSweep, PendingChangeScan) {

@@ -5,6 +5,8 @@
 // tree. Bad input is the hostile suite's.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <map>
 #include <random>
@@ -104,6 +106,39 @@ class ToolTest : public ::testing::Test {
       }
   }
 
+  // Nearest first, equal distances by rowid, each line's distance and box
+  // read back exactly.
+  void expect_nearest_matches(const Model& model, int dims, uint64_t seed) {
+    for (auto [id, q] : random_model(dims, 0, 3, seed)) {
+      // Points as x,y[,z] with -k, boxes with a distance limit only.
+      const bool point = id % 2 == 0;
+      std::string query = box_arg(q, dims);
+      if (point) {
+        size_t cut = 0;  // past the comma that ends the minima
+        for (int k = 0; k < dims; ++k) cut = query.find(',', cut) + 1;
+        query.resize(cut - 1);
+        for (int k = 0; k < dims; ++k) q.max[k] = q.min[k];
+      }
+      const auto want = zqtool::model_nearest(model, q, dims, point ? 7 : 0, point ? INFINITY : 6);
+      const Outcome r = run({"nearest", db_, "t", query, "-k", point ? "7" : "0", "--max-distance",
+                             point ? "inf" : "6"});
+      ASSERT_EQ(r.status, 0) << r.err;
+      std::istringstream lines(r.out);
+      for (const auto& [rowid, distance] : want) {
+        std::string line;
+        ASSERT_TRUE(std::getline(lines, line)) << query;
+        char* p = nullptr;
+        EXPECT_EQ(std::strtoll(line.c_str(), &p, 10), rowid) << query << ": " << line;
+        EXPECT_EQ(std::strtod(p + 1, &p), distance) << line;
+        const Box& b = model.at(rowid);
+        for (int k = 0; k < 2 * dims; ++k)
+          EXPECT_EQ(std::strtod(p + 1, &p), k < dims ? b.min[k] : b.max[k - dims]) << line;
+      }
+      std::string rest;
+      EXPECT_FALSE(std::getline(lines, rest)) << query << ": " << rest;
+    }
+  }
+
   void expect_check_ok() {
     const Outcome r = run({"check", db_, "t"});
     EXPECT_EQ(r.status, 0) << r.err;
@@ -138,6 +173,7 @@ TEST_P(ToolDims, EveryOperatorMatchesTheModelThroughChanges) {
   model.insert(more.begin(), more.end());
   expect_check_ok();
   expect_queries_match(model, dims, 2);
+  expect_nearest_matches(model, dims, 3);
 
   Model fresh = random_model(dims, 1, 100, 11);
   r = run({"load", db_, "t", "-", "--replace", "--fill", "1.0"}, csv(fresh, dims));
@@ -255,8 +291,8 @@ TEST_F(ToolTest, DiagnosticsDescribeTheSameTree) {
 }
 
 TEST_F(ToolTest, EverySubcommandExplainsItselfWithAnExample) {
-  for (const char* sub : {"create", "load", "insert", "delete", "query", "print", "check", "stats",
-                          "render", "drop", "list", "gen", "bench"}) {
+  for (const char* sub : {"create", "load", "insert", "delete", "query", "nearest", "print",
+                          "check", "stats", "render", "drop", "list", "gen", "bench"}) {
     const Outcome r = run({sub, "--help"});
     EXPECT_EQ(r.status, 0) << sub;
     EXPECT_NE(r.out.find("Example:\n  zqrtree " + std::string(sub)), std::string::npos) << sub;
