@@ -4,7 +4,7 @@
 set -euo pipefail
 
 core=(cmake make g++ pkg-config libsqlite3-dev sqlite3 libgtest-dev libgmock-dev
-      libcli11-dev libfmt-dev python3)
+      libcli11-dev libfmt-dev python3 libgdal-dev gdal-bin zlib1g-dev)
 bench=(libbenchmark-dev libspatialindex-dev libboost-dev)
 fuzz=(clang libclang-rt-14-dev)
 
