@@ -4,7 +4,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build build-asan test test-fast test-asan test-tsan fuzz-smoke demo format bench bench-quick soak fuzz clean
+.PHONY: all deps build build-asan test test-fast test-asan test-tsan fuzz-smoke demo package format bench bench-quick soak fuzz clean
 
 all: build
 
@@ -70,6 +70,10 @@ fuzz:
 
 demo: build
 	scripts/demo.sh $(BUILD)
+
+# A Debian package of the installed tree (CPack): $(BUILD)/zqrtree_<version>_<arch>.deb.
+package: build
+	cd $(BUILD) && cpack -G DEB
 
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cc' '*.c')
