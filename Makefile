@@ -68,7 +68,9 @@ fuzz:
 	  if [ $$rc -ne 0 ]; then tail -60 $$log; exit 1; fi; \
 	done
 
-demo: build
+# Only the tool and the libraries it runs on: no test suites.
+demo: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS) --target zqrtree_tool
 	scripts/demo.sh $(BUILD)
 
 # A Debian package of the installed tree (CPack): $(BUILD)/zqrtree_<version>_<arch>.deb.
