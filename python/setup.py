@@ -32,7 +32,7 @@ def cmake_build() -> Path:
         return Path(given).resolve()
     build = ROOT / "build-python"
     subprocess.check_call(["cmake", "-S", str(ROOT), "-B", str(build),
-                           "-DCMAKE_BUILD_TYPE=Release", "-DZQ_BENCH=OFF"])
+                           "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DZQ_BENCH=OFF"])
     subprocess.check_call(["cmake", "--build", str(build), "-j", str(os.cpu_count() or 1),
                            "--target", "zqrtree_ext"])
     return build
