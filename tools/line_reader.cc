@@ -11,7 +11,8 @@ namespace zqtool {
 
 namespace {
 
-constexpr size_t kBlock = 1 << 20;
+// Large enough that reads are few, small enough that opening is cheap.
+constexpr size_t kBlock = 1 << 16;
 
 }  // namespace
 
