@@ -192,6 +192,31 @@ TEST_F(FormatsTest, GzipCsvLoadsAsItIs) {
   EXPECT_NE(r.err.find("<stdin>:22531: duplicate rowid 1"), std::string::npos) << r.err;
 }
 
+// A source of two layers (the second holds entry 2 only): the first is read
+// unless --layer names the other, and the choice is said; --where filters
+// by attribute, in insert --file too.
+TEST_F(FormatsTest, LayerWhereAndInsertChooseTheFeatures) {
+  write_sources({{"1", {"0", "0"}, {"1", "1"}}, {"2", {"2", "2"}, {"3", "3"}}});
+  const std::string gpkg = dir_.file("two.gpkg"), csv = dir_.file("w.csv");
+  const std::string make = "ogr2ogr -f GPKG " + gpkg + " " + csv + " -oo AUTODETECT_TYPE=YES " +
+                           "-oo KEEP_GEOM_COLUMNS=NO -nln first && ogr2ogr -update " + gpkg + " " +
+                           csv + " -oo AUTODETECT_TYPE=YES -oo KEEP_GEOM_COLUMNS=NO -nln second " +
+                           "-where 'id = 2'";
+  ASSERT_EQ(std::system(make.c_str()), 0) << make;
+  for (const char* index : {"a", "b", "c"}) ASSERT_EQ(run({"create", db_, index}).status, 0);
+  Outcome r = run({"load", db_, "a", gpkg, "--id-field", "id"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("has 2 layers (first, second); reading 'first'"), std::string::npos)
+      << r.err;
+  EXPECT_EQ(all_entries("a", 2), "1,0,0,1,1\n2,2,2,3,3\n");
+  r = run({"load", db_, "b", gpkg, "--layer", "second", "--id-field", "id"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(all_entries("b", 2), "2,2,2,3,3\n");
+  r = run({"insert", db_, "c", "--file", gpkg, "--where", "id = 1", "--id-field", "id"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(all_entries("c", 2), "1,0,0,1,1\n");
+}
+
 // query --format geojson writes what load reads back: the same entries, in
 // every axis count, points and boxes alike.
 TEST_F(FormatsTest, QueryGeoJsonLoadsBackAsTheSameEntries) {
