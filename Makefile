@@ -4,7 +4,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build build-asan test test-fast test-asan test-tsan fuzz-smoke demo format bench bench-quick soak fuzz clean
+.PHONY: all deps build build-asan test test-fast test-asan test-tsan fuzz-smoke demo package format bench bench-quick soak fuzz clean
 
 all: build
 
@@ -53,7 +53,7 @@ test-tsan: deps
 # its corpus in the repository (new finds stay in $(FUZZ_BUILD)/corpus).
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 20
-FUZZ_TARGETS = node_decode check_rows csv geojson
+FUZZ_TARGETS = node_decode check_rows csv
 fuzz:
 	scripts/install-deps.sh fuzz
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -68,8 +68,14 @@ fuzz:
 	  if [ $$rc -ne 0 ]; then tail -60 $$log; exit 1; fi; \
 	done
 
-demo: build
+# Only the tool and the libraries it runs on: no test suites.
+demo: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS) --target zqrtree_tool
 	scripts/demo.sh $(BUILD)
+
+# A Debian package of the installed tree (CPack): $(BUILD)/zqrtree_<version>_<arch>.deb.
+package: build
+	cd $(BUILD) && cpack -G DEB
 
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cc' '*.c')

@@ -1,4 +1,4 @@
-// libFuzzer target: the tool's CSV reader on arbitrary text. Every entry it
+// libFuzzer target: the tool's CSV reader (plain or gzip) on arbitrary bytes. Every entry it
 // yields must be a box the tool can check, and a refusal must say where.
 #include <sys/mman.h>
 #include <unistd.h>

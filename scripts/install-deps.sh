@@ -4,7 +4,8 @@
 set -euo pipefail
 
 core=(cmake make g++ pkg-config libsqlite3-dev sqlite3 libgtest-dev libgmock-dev
-      libcli11-dev libfmt-dev python3)
+      libcli11-dev libfmt-dev python3 libgdal-dev gdal-bin zlib1g-dev
+      python3-venv python3-setuptools python3-wheel python3-pip)
 bench=(libbenchmark-dev libspatialindex-dev libboost-dev)
 fuzz=(clang libclang-rt-14-dev)
 

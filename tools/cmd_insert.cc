@@ -15,14 +15,14 @@ struct InsertArgs {
   std::optional<std::string> id;
   std::string box;
   std::string file;
-  std::string format = "auto";
+  InputOptions input;
 };
 
 // The file's position is the useful name for a bad entry, so everything the
 // insert would refuse about one entry is checked here, where it is known.
 zq::Status read_entries(const InsertArgs& a, const zq::Index& index, std::vector<zq::Entry>* out) {
   std::unique_ptr<zq::EntrySource> source;
-  if (zq::Status s = open_entries(a.file, a.format, index.dims(), &source); !s) return s;
+  if (zq::Status s = open_entries(a.file, a.input, index.dims(), &source); !s) return s;
   std::unordered_set<int64_t> seen;
   zq::Entry e;
   zq::Status bad;
@@ -81,9 +81,8 @@ void add_insert(CLI::App& app, Context& ctx) {
   add_target(cmd, &args->t);
   cmd->add_option("ID", args->id, "rowid of the new entry");
   cmd->add_option("BOX", args->box, "its box: min0,min1,...,max0,max1,...");
-  cmd->add_option("--file", args->file, "insert every entry of this CSV or GeoJSON file");
-  cmd->add_option("--format", args->format, "auto, csv or geojson (with --file)")
-      ->check(CLI::IsMember({"auto", "csv", "geojson"}));
+  cmd->add_option("--file", args->file, "insert every entry of this CSV file or GIS source");
+  add_input_options(cmd, ctx, &args->input);
   cmd->callback([&ctx, args] { ctx.action = [&ctx, args] { return run_insert(ctx, *args); }; });
 }
 

@@ -1,5 +1,5 @@
-// zqrtree load: bulk build of an index from a CSV or GeoJSON file (or
-// standard input). The tree is rebuilt bottom-up from the entries already
+// zqrtree load: bulk build of an index from a box CSV file, any vector
+// source GDAL/OGR reads, or standard input. The tree is rebuilt bottom-up from the entries already
 // indexed plus the file's, or from the file's alone with --replace; a bad
 // line leaves the database untouched.
 #include <chrono>
@@ -14,7 +14,7 @@ namespace {
 struct LoadArgs {
   Target t;
   std::string file;
-  std::string format = "auto";
+  InputOptions input;
   double fill = zq::kDefaultFill;
   bool replace = false;
 };
@@ -24,7 +24,7 @@ int run_load(Context& ctx, const LoadArgs& a) {
   zq::Index index;
   if (zq::Status s = ctx.open_index(a.t.db, a.t.index, &db, &index); !s) return ctx.fail(s);
   std::unique_ptr<zq::EntrySource> source;
-  if (zq::Status s = open_entries(a.file, a.format, index.dims(), &source); !s) return ctx.fail(s);
+  if (zq::Status s = open_entries(a.file, a.input, index.dims(), &source); !s) return ctx.fail(s);
   zq::LoadOptions options;
   options.fill = a.fill;
   options.replace = a.replace;
@@ -48,18 +48,19 @@ void add_load(CLI::App& app, Context& ctx) {
   auto args = std::make_shared<LoadArgs>();
   CLI::App* cmd = app.add_subcommand(
       "load",
-      "Bulk-load boxes from a CSV file (id,min0,min1,...,max0,max1,...) or the features of a "
-      "GeoJSON file ('-' reads standard input). The tree is packed bottom-up from the index's "
-      "current entries plus the file's; nothing is written if any line is bad.");
+      "Bulk-load boxes from a CSV file (id,min0,min1,...,max0,max1,...; gzip or not) or the "
+      "envelopes of a GIS source's features (Shapefile, GeoPackage, FlatGeobuf, GeoJSON, GML, "
+      "KML, PG:..., /vsizip/...; '-' reads CSV or GeoJSON from standard input). The tree is "
+      "packed bottom-up from the index's current entries plus the file's; nothing is written if "
+      "any line or feature is bad.");
   set_example(cmd,
               "  zqrtree load city.db parks parks.csv\n"
               "  zqrtree load city.db parks parks.geojson --fill 1.0 --replace\n"
+              "  zqrtree load city.db parks city.gpkg --layer parks --id-field osm_id\n"
               "  generate | zqrtree load city.db parks - --format csv");
   add_target(cmd, &args->t);
   cmd->add_option("FILE", args->file, "input file, or - for standard input")->required();
-  cmd->add_option("--format", args->format, "auto (by extension or first character), csv, geojson")
-      ->check(CLI::IsMember({"auto", "csv", "geojson"}))
-      ->capture_default_str();
+  add_input_options(cmd, ctx, &args->input);
   cmd->add_option("--fill", args->fill,
                   "fraction of the 51 entries each node gets; 0.7 leaves room for later "
                   "inserts, 1.0 packs read-only data tightest")

@@ -65,6 +65,20 @@ void add_target(CLI::App* cmd, Target* target) {
   cmd->add_option("INDEX", target->index, "index name")->required();
 }
 
+void add_input_options(CLI::App* cmd, Context& ctx, InputOptions* input) {
+  cmd->add_option("--format", input->format,
+                  "auto (box CSV for .csv/.txt[.gz], GDAL/OGR otherwise; for stdin by the first "
+                  "character), csv, ogr, geojson")
+      ->check(CLI::IsMember({"auto", "csv", "ogr", "geojson"}))
+      ->capture_default_str();
+  cmd->add_option("--layer", input->ogr.layer,
+                  "layer of a GIS source to read (default: the only or first one)");
+  cmd->add_option("--id-field", input->ogr.id_field,
+                  "attribute holding each feature's rowid (default: the feature id)");
+  cmd->add_option("--where", input->ogr.where, "OGR attribute filter, e.g. \"kind = 'park'\"");
+  input->ogr.note = [&ctx](const std::string& text) { ctx.note("{}", text); };
+}
+
 void set_example(CLI::App* cmd, const std::string& examples) {
   cmd->footer("Example:\n" + examples + "\n");
 }

@@ -1,30 +1,28 @@
-// The CSV reader: getline over the file, fields split on commas and read
-// with from_chars, so a million-line file takes a second or so.
+// The CSV reader: fields split on commas (quotes honoured) and read with
+// from_chars, so a million-line file takes a second or so.
 #include "tools/csv.h"
 
 #include <fmt/format.h>
 
-#include <cerrno>
 #include <charconv>
-#include <cstdlib>
-#include <cstring>
 #include <string_view>
-#include <vector>
 
 namespace zqtool {
 
 namespace {
 
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
 std::string_view trim(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-  while (!s.empty() &&
-         (s.back() == ' ' || s.back() == '\t' || s.back() == '\r' || s.back() == '\n'))
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r'))
     s.remove_suffix(1);
   return s;
 }
 
 template <typename T>
 bool read_number(std::string_view s, T* out) {
+  s = trim(s);
   if (!s.empty() && s.front() == '+') s.remove_prefix(1);
   auto [p, ec] = std::from_chars(s.data(), s.data() + s.size(), *out);
   return !s.empty() && ec == std::errc() && p == s.data() + s.size();
@@ -35,16 +33,8 @@ bool read_number(std::string_view s, T* out) {
 CsvSource::CsvSource(std::string path, int dims)
     : path_(std::move(path)), name_(path_ == "-" ? "<stdin>" : path_), dims_(dims) {}
 
-CsvSource::~CsvSource() {
-  std::free(buf_);
-  if (file_ != nullptr && file_ != stdin) std::fclose(file_);
-}
-
 zq::Status CsvSource::open() {
-  file_ = path_ == "-" ? stdin : std::fopen(path_.c_str(), "r");
-  if (file_ == nullptr)
-    return zq::Status::io(fmt::format("cannot open '{}': {}", path_, std::strerror(errno)));
-  return zq::Status::ok();
+  return lines_.open(path_, name_);
 }
 
 std::string CsvSource::where() const {
@@ -58,44 +48,81 @@ std::string CsvSource::field_name(size_t i) const {
 }
 
 bool CsvSource::next(zq::Entry* entry, zq::Status* status) {
-  ssize_t n;
-  while ((n = getline(&buf_, &cap_, file_)) >= 0) {
+  std::string_view raw;
+  while (lines_.next(&raw, status)) {
     ++line_;
-    const std::string_view line = trim(std::string_view(buf_, static_cast<size_t>(n)));
+    if (line_ == 1 && raw.substr(0, kByteOrderMark.size()) == kByteOrderMark)
+      raw.remove_prefix(kByteOrderMark.size());
+    const std::string_view line = trim(raw);
     if (line.empty() || line.front() == '#') continue;
-    if (line_ == 1 && (line.substr(0, 2) == "id" || line.substr(0, 2) == "ID")) continue;
-    *status = parse_line(line, entry);
+    if (*status = split(line); !*status) return false;
+    const std::string_view first = trim(fields_[0]);
+    if (line_ == 1 && (first.substr(0, 2) == "id" || first.substr(0, 2) == "ID")) continue;
+    *status = parse_fields(entry);
     return status->is_ok();
   }
-  if (std::ferror(file_))
-    *status = zq::Status::io(fmt::format("{}: read error: {}", name_, std::strerror(errno)));
   return false;
 }
 
-zq::Status CsvSource::parse_line(std::string_view line, zq::Entry* entry) const {
-  const size_t want = 1 + 2 * static_cast<size_t>(dims_);
-  std::vector<std::string_view> fields;
-  size_t start = 0;
+// Fields as views into the line; a quoted field is the text between its
+// quotes, and one with doubled quotes inside is undoubled into unquoted_
+// (a number never holds a quote, so one such field a line is plenty).
+zq::Status CsvSource::split(std::string_view line) {
+  fields_.clear();
+  size_t pos = 0;
   while (true) {
-    const size_t comma = line.find(',', start);
-    fields.push_back(
-        trim(line.substr(start, comma == std::string_view::npos ? comma : comma - start)));
-    if (comma == std::string_view::npos) break;
-    start = comma + 1;
+    while (pos < line.size() && (line[pos] == ' ' || line[pos] == '\t')) ++pos;
+    size_t end;
+    if (pos < line.size() && line[pos] == '"') {
+      size_t close = pos + 1;
+      bool doubled = false;
+      while ((close = line.find('"', close)) != std::string_view::npos && close + 1 < line.size() &&
+             line[close + 1] == '"') {
+        close += 2;
+        doubled = true;
+      }
+      if (close == std::string_view::npos)
+        return zq::Status::invalid(fmt::format("{}: field {}: the quote is not closed on its line",
+                                               where(), fields_.size() + 1));
+      std::string_view inner = line.substr(pos + 1, close - pos - 1);
+      if (doubled) {
+        unquoted_.clear();
+        for (size_t i = 0; i < inner.size(); ++i) {
+          unquoted_ += inner[i];
+          if (inner[i] == '"') ++i;
+        }
+        inner = unquoted_;
+      }
+      fields_.push_back(inner);
+      end = close + 1;
+      while (end < line.size() && (line[end] == ' ' || line[end] == '\t')) ++end;
+      if (end < line.size() && line[end] != ',')
+        return zq::Status::invalid(
+            fmt::format("{}: field {}: text after the closing quote", where(), fields_.size()));
+    } else {
+      end = std::min(line.find(',', pos), line.size());
+      fields_.push_back(line.substr(pos, end - pos));
+    }
+    if (end >= line.size()) return zq::Status::ok();
+    pos = end + 1;
   }
-  if (fields.size() != want)
+}
+
+zq::Status CsvSource::parse_fields(zq::Entry* entry) const {
+  const size_t want = 1 + 2 * static_cast<size_t>(dims_);
+  if (fields_.size() != want)
     return zq::Status::invalid(
         fmt::format("{}: {} fields found, {} expected (id, then {} minima and {} maxima)", where(),
-                    fields.size(), want, dims_, dims_));
+                    fields_.size(), want, dims_, dims_));
   *entry = zq::Entry{};
-  if (!read_number(fields[0], &entry->id))
+  if (!read_number(fields_[0], &entry->id))
     return zq::Status::invalid(
-        fmt::format("{}: field 1 (id): '{}' is not a whole number", where(), fields[0]));
+        fmt::format("{}: field 1 (id): '{}' is not a whole number", where(), trim(fields_[0])));
   for (size_t i = 1; i < want; ++i) {
     double v = 0;
-    if (!read_number(fields[i], &v))
+    if (!read_number(fields_[i], &v))
       return zq::Status::invalid(fmt::format("{}: field {} ({}): '{}' is not a number", where(),
-                                             i + 1, field_name(i), fields[i]));
+                                             i + 1, field_name(i), trim(fields_[i])));
     const size_t k = (i - 1) % static_cast<size_t>(dims_);
     (i <= static_cast<size_t>(dims_) ? entry->box.min : entry->box.max)[k] = v;
   }

@@ -1,14 +1,17 @@
 // Entries from CSV text, one per line: id,min0,min1,...,max0,max1,... (all
-// minima, then all maxima). Blank lines and lines starting with '#' are
-// skipped; a first line starting with the field "id" is a header. Every
-// problem names the file, the line and the field.
+// minima, then all maxima). Fields may be quoted as RFC 4180 has it ("1.5",
+// a doubled quote inside); a UTF-8 byte-order mark before the first line and
+// gzip compression are taken in stride. Blank lines and lines starting with
+// '#' are skipped; a first line starting with the field "id" is a header.
+// Every problem names the file, the line and the field.
 #ifndef ZQ_TOOLS_CSV_H
 #define ZQ_TOOLS_CSV_H
 
-#include <cstdio>
 #include <string>
+#include <vector>
 
 #include "driver/index.h"
+#include "tools/line_reader.h"
 
 namespace zqtool {
 
@@ -16,25 +19,23 @@ class CsvSource : public zq::EntrySource {
  public:
   // `path` "-" reads standard input (named "<stdin>" in messages).
   CsvSource(std::string path, int dims);
-  ~CsvSource() override;
-  CsvSource(const CsvSource&) = delete;
-  CsvSource& operator=(const CsvSource&) = delete;
 
   zq::Status open();
   bool next(zq::Entry* entry, zq::Status* status) override;
   std::string where() const override;
 
  private:
-  zq::Status parse_line(std::string_view line, zq::Entry* entry) const;
+  zq::Status split(std::string_view line);
+  zq::Status parse_fields(zq::Entry* entry) const;
   std::string field_name(size_t i) const;  // "id", "min1", "max0" ...
 
   std::string path_;
   std::string name_;
   int dims_;
-  FILE* file_ = nullptr;
-  char* buf_ = nullptr;
-  size_t cap_ = 0;
+  LineReader lines_;
   uint64_t line_ = 0;
+  std::vector<std::string_view> fields_;
+  std::string unquoted_;  // a quoted field with doubled quotes, undoubled
 };
 
 }  // namespace zqtool

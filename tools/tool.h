@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "driver/index.h"
+#include "tools/input.h"
 
 namespace zqtool {
 
@@ -72,6 +73,9 @@ struct Target {
   std::string index;
 };
 void add_target(CLI::App* cmd, Target* target);
+// --format, --layer, --id-field and --where of a command that reads a file;
+// OGR's note on a source of several layers goes to standard error.
+void add_input_options(CLI::App* cmd, Context& ctx, InputOptions* input);
 // The subcommand's help footer: an example or two.
 void set_example(CLI::App* cmd, const std::string& examples);
 

@@ -6,6 +6,7 @@
 // naming the input, the tool exits 1 (2 for usage), and no byte of the
 // database changes — inside an open transaction too.
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -22,6 +23,31 @@ using zqtest::dump_database;
 using zqtest::Outcome;
 
 const std::string kLong(124, 'n');  // one byte over the longest index name
+const char* const kPoint = "{\"type\": \"Point\", \"coordinates\": [1, 2]}";
+
+std::string feature(const std::string& geometry, const std::string& id = "",
+                    const std::string& properties = "{}") {
+  return "{\"type\": \"Feature\", " + (id.empty() ? "" : "\"id\": " + id + ", ") +
+         "\"properties\": " + properties + ", \"geometry\": " + geometry + "}";
+}
+
+std::string collection(const std::string& features) {
+  return "{\"type\": \"FeatureCollection\", \"features\": [" + features + "]}";
+}
+
+std::string gzip(const std::string& text) {
+  z_stream zs{};
+  std::string out(text.size() + 64, '\0');
+  deflateInit2(&zs, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 16 + 15, 8, Z_DEFAULT_STRATEGY);
+  zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  zs.avail_in = static_cast<uInt>(text.size());
+  zs.next_out = reinterpret_cast<Bytef*>(out.data());
+  zs.avail_out = static_cast<uInt>(out.size());
+  deflate(&zs, Z_FINISH);
+  out.resize(zs.total_out);
+  deflateEnd(&zs);
+  return out;
+}
 
 class HostileTest : public ::testing::Test {
  protected:
@@ -75,7 +101,8 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
   const char junk_bytes[] = "\x7f\x01garbage\xff\xfe\n\x00\x02not, a, database";
   const std::string junk(junk_bytes, sizeof junk_bytes - 1);
   write("junk.db", junk);
-  const std::string cut = "{\"features\": [{\"id\": 5, \"bbox\": [0, 0, 1, 1]}";
+  const std::string whole = collection(feature(kPoint, "5"));
+  const std::string cut = whole.substr(0, whole.size() - 2);
 
   const ToolCase cases[] = {
       // Coordinates that are not finite, or out of order, as arguments and in files.
@@ -93,8 +120,8 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
        "7,0,0,1,1\n\n8,4,0,3,1\n"},
       {"load {db} t {file}", 1, "num.csv:3: field 3 (min1): 'abc' is not a number", "num.csv",
        "id,min0,min1,max0,max1\n7,0,0,1,1\n8,0,abc,1,1\n"},
-      {"load {db} t {file}", 1, "inf.geojson: line 1: '1e999' is not a number", "inf.geojson",
-       "{\"features\": [{\"bbox\": [0, 0, 1e999, 1]}]}"},
+      {"load {db} t {file}", 1, "inf.geojson: layer 'inf', feature 0: min0 is not a finite number",
+       "inf.geojson", collection(feature("{\"type\": \"Point\", \"coordinates\": [1e999, 0]}"))},
       // Wrong axis counts.
       {"insert {db} cube 5 0,0,1,1", 2, "box '0,0,1,1' has 4 coordinates; a 3-axis index needs 6"},
       {"query {db} t 0,0,0,1,1,1", 2, "has 6 coordinates; a 2-axis index needs 4"},
@@ -103,11 +130,9 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
        "query '1,2,3,4' has 4 coordinates; a 3-axis index takes a point of 3 or a box of 6"},
       {"insert {db} t --file {file}", 1, "axes.csv:1: 7 fields found, 5 expected", "axes.csv",
        "5,0,0,0,1,1,1\n"},
-      {"load {db} t {file}", 1, "field \"bbox\": 3 numbers found", "bbox.geojson",
-       "{\"features\": [{\"id\": 4, \"bbox\": [1, 2, 3]}]}"},
-      {"load {db} cube {file}", 1, "a position has 2 numbers; a 3-axis index needs 3",
-       "flat.geojson",
-       "{\"features\": [{\"geometry\": {\"type\": \"Point\", \"coordinates\": [1, 2]}}]}"},
+      {"load {db} cube {file}", 1,
+       "feature 0: its POINT geometry has no Z; a 3-axis index needs 3-D", "flat.geojson",
+       collection(feature("{\"type\": \"Point\", \"coordinates\": [1, 2]}"))},
       // Rowids that are not whole numbers, beyond int64, or taken.
       {"insert {db} t 9223372036854775808 0,0,1,1", 2,
        "ID '9223372036854775808' is not a whole number"},
@@ -116,9 +141,11 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
       {"load {db} t {file}", 1,
        "big.csv:1: field 1 (id): '9223372036854775808' is not a whole number", "big.csv",
        "9223372036854775808,0,0,1,1\n"},
-      {"load {db} t {file}", 1,
-       "big.geojson:1 (feature 1): field \"id\": '-9223372036854775809' is not a whole number",
-       "big.geojson", "{\"features\": [{\"id\": -9223372036854775809, \"bbox\": [0, 0, 1, 1]}]}"},
+      // 1.0 is a whole number (the first feature passes), 1.5 is not.
+      {"load {db} t {file}", 1, "ids.geojson: layer 'ids', feature 1: \"id\": 41.5 is not a 64-bit",
+       "ids.geojson", collection(feature(kPoint, "41.0") + ", " + feature(kPoint, "41.5"))},
+      {"load {db} t {file} --id-field name", 1, "feature 1: field 'name': 'abc' is not a 64-bit",
+       "name.geojson", collection(feature(kPoint, "1", "{\"name\": \"abc\"}"))},
       {"insert {db} t 1 5,5,6,6", 1, "duplicate rowid 1 (already in index 't')"},
       {"load {db} t {file}", 1, "dup.csv:3: duplicate rowid 7", "dup.csv",
        "7,0,0,1,1\n8,0,0,1,1\n7,0,0,2,2\n"},
@@ -157,22 +184,40 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
       {"load {db} t {file} --replace", 1, "empty.csv: no entries found", "empty.csv"},
       {"insert {db} t --file {file}", 1, "blank.csv: no entries found", "blank.csv", "\n\n"},
       {"load {db} t {file}", 1, "junk.csv:1: ", "junk.csv", junk},
-      {"load {db} t {file} --format geojson", 1, "junk.csv: line 1: expected '{'", "junk.csv",
+      {"load {db} t {file} --format geojson", 1, "cannot open '{file}' as vector data", "junk.csv",
        junk},
+      {"load {db} t {file}", 1, "cannot open '{file}' as vector data", "junk.shp", junk},
       {"load {db} t {file}", 1, "none.geojson: no entries found", "none.geojson",
        "{\"type\": \"FeatureCollection\", \"features\": []}"},
-      {"load {db} t {file}", 1, "nokey.geojson: no \"features\" array", "nokey.geojson",
+      {"load {db} t {file}", 1, "Missing 'features' member", "nokey.geojson",
        "{\"type\": \"FeatureCollection\"}"},
-      {"load {db} t {file}", 1, "bad.geojson: line 3: expected '}' but found '\"'", "bad.geojson",
+      {"load {db} t {file}", 1, "At line 3, character 11: Unexpected state", "bad.geojson",
        "{\"type\": \"FeatureCollection\",\n \"features\": [\n {\"id\": 1 \"x\"}]}"},
-      {"load {db} t {file}", 1, "cut.geojson: line 1: expected ']' but the input ended",
-       "cut.geojson", cut},
-      {"insert {db} t --file {file}", 1,
-       "after.geojson: line 2: unexpected text after the GeoJSON object", "after.geojson",
-       cut + "]}\n{}"},
+      {"load {db} t {file}", 1, "Unterminated array", "cut.geojson", cut},
+      {"insert {db} t --file {file}", 1, "At line 2, character 1: Unexpected character",
+       "after.geojson", cut + "]}\n{}"},
       {"load {db} t {file}", 1,
-       "nogeom.geojson:2 (feature 1): the feature has no geometry and no bbox", "nogeom.geojson",
-       "{\"features\": [\n{\"id\": 4, \"geometry\": null}]}"},
+       "nogeom.geojson: layer 'nogeom', feature 4: the feature has no "
+       "geometry",
+       "nogeom.geojson", collection(feature("null", "4"))},
+      {"load {db} t {file}", 1, "feature 3: the feature's geometry is empty", "empty.geojson",
+       collection(feature("{\"type\": \"LineString\", \"coordinates\": []}", "3"))},
+      // Taken in stride: a byte-order mark and gzip (the later line is what is wrong).
+      {"load {db} t {file}", 1, "bom.csv:2: field 4 (max0): 'x' is not a number", "bom.csv",
+       "\xEF\xBB\xBF"
+       "5,0,0,1,1\n6,0,0,x,1\n"},
+      {"load {db} t {file}", 1, "bom.geojson: layer 'bom', feature 7: the feature has no geometry",
+       "bom.geojson", "\xEF\xBB\xBF" + collection(feature("null", "7"))},
+      {"load {db} t {file}", 1, "data.csv.gz:2: min0 2 is above max0 1", "data.csv.gz",
+       gzip("5,0,0,1,1\n6,2,2,1,1\n")},
+      {"load {db} t {file}", 1, "quoted.csv:2: field 3 (min1): 'a\"b' is not a number",
+       "quoted.csv", "\"5\", \" 0\" ,0,\"1\",1\n6,0,\"a\"\"b\",1,1\n"},
+      {"load {db} t {file} --layer x", 1, "--layer, --id-field and --where apply to GIS", "one.csv",
+       "5,0,0,1,1\n"},
+      {"load {db} t {file} --layer x", 1, "no layer 'x' (layers: one)", "one.geojson",
+       collection(feature(kPoint, "1"))},
+      {"load {db} t {file} --where nope", 1, "layer 'one': --where 'nope': ", "one.geojson",
+       collection(feature(kPoint, "1"))},
   };
   const std::string before = dump_database(db_);
   for (const ToolCase& c : cases) {
