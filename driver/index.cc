@@ -40,8 +40,7 @@ Status create_tables(Database& db, const Index& idx) {
                           "creating the index catalog");
   if (!s) return s;
   s = detail::exec(db.db(),
-                   "CREATE TABLE " + detail::qualified(schema, idx.rowid_table()) +
-                       " (id INTEGER PRIMARY KEY, leaf INTEGER NOT NULL)",
+                   detail::LeafMap::create_sql(detail::qualified(schema, idx.rowid_table())),
                    "creating table " + detail::quote_ident(idx.rowid_table()));
   if (!s) return s;
   const int32_t rc = zqsess_create_node_table(db.session(), schema.c_str(), idx.name().c_str());

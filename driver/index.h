@@ -56,8 +56,10 @@ class LeafMap;
 }
 
 inline constexpr int kMaxDims = 3;
-inline constexpr size_t kMaxNameLen = 123;      // "MDRT$" + name must fit 129 bytes
-inline constexpr double kDefaultFill = 0.7;     // room for later inserts without a wave of splits
+inline constexpr size_t kMaxNameLen = 123;  // "MDRT$" + name must fit 129 bytes
+// 33 entries a node: room for later inserts without a wave of splits, and
+// rows of a size that fill pages: three to a 4 KB page, six to 8 KB.
+inline constexpr double kDefaultFill = 0.65;
 inline constexpr double kMinFill = 2.0 / 51.0;  // nodes must take at least 2 entries
 
 class Status {

@@ -71,8 +71,183 @@ LeafMap::LeafMap(Database& db, std::string schema, std::string index_name)
       node_table_(RTR_NODE_TABLE_PREFIX + index_name),
       rowid_table_(index_name + "_rowid") {}
 
+namespace {
+
+int64_t block_of(int64_t id) {
+  return id >> 6;  // arithmetic: negative rowids have blocks of their own
+}
+unsigned bit_of(int64_t id) {
+  return static_cast<unsigned>(id & 63);
+}
+
+}  // namespace
+
+std::string LeafMap::create_sql(const std::string& table) {
+  return "CREATE TABLE " + table + " (block INTEGER PRIMARY KEY, leaves BLOB NOT NULL)";
+}
+
+sqlite3_stmt* LeafMap::statement(Kind kind) {
+  sqlite3_stmt*& st = stmts_[kind];
+  if (st != nullptr) return st;
+  const std::string node = qualified(schema_, node_table_),
+                    rowids = qualified(schema_, rowid_table_);
+  std::string sql;
+  switch (kind) {
+    case kReadLeaf:
+      sql = "SELECT level, cells FROM " + node + " WHERE rowid = ?1";
+      break;
+    case kReadBlock:
+      sql = "SELECT leaves FROM " + rowids + " WHERE block = ?1";
+      break;
+    case kPutBlock:
+      sql = "INSERT OR REPLACE INTO " + rowids + " (block, leaves) VALUES (?1, ?2)";
+      break;
+    case kDeleteBlock:
+      sql = "DELETE FROM " + rowids + " WHERE block = ?1";
+      break;
+    case kKinds:
+      break;
+  }
+  int rc = SQLITE_OK;
+  st = db_.statement(sql, &rc);
+  return st;
+}
+
+namespace {
+
+// A block row's blob; false when it is not one (the checker says so).
+bool decode_block(const uint8_t* p, size_t n, uint64_t* mask, int64_t leaf[64]) {
+  if (n < 9 || (p[0] != 4 && p[0] != 8)) return false;
+  const size_t w = p[0];
+  std::memcpy(mask, p + 1, 8);
+  if (n != 9 + w * static_cast<size_t>(__builtin_popcountll(*mask))) return false;
+  const uint8_t* at = p + 9;
+  for (uint64_t bits = *mask; bits != 0; bits &= bits - 1, at += w) {
+    const unsigned i = static_cast<unsigned>(__builtin_ctzll(bits));
+    if (w == 4) {
+      uint32_t v;
+      std::memcpy(&v, at, 4);
+      leaf[i] = v;
+    } else {
+      std::memcpy(&leaf[i], at, 8);
+    }
+  }
+  return true;
+}
+
+void encode_block(uint64_t mask, const int64_t leaf[64], std::string* out) {
+  bool narrow = true;
+  for (uint64_t bits = mask; bits != 0; bits &= bits - 1) {
+    const int64_t v = leaf[__builtin_ctzll(bits)];
+    narrow = narrow && v >= 0 && v <= INT32_MAX;
+  }
+  const uint8_t w = narrow ? 4 : 8;
+  out->assign(1, static_cast<char>(w));
+  out->append(reinterpret_cast<const char*>(&mask), 8);
+  for (uint64_t bits = mask; bits != 0; bits &= bits - 1) {
+    const int64_t v = leaf[__builtin_ctzll(bits)];
+    if (narrow) {
+      const uint32_t u = static_cast<uint32_t>(v);
+      out->append(reinterpret_cast<const char*>(&u), 4);
+    } else {
+      out->append(reinterpret_cast<const char*>(&v), 8);
+    }
+  }
+}
+
+}  // namespace
+
+Status LeafMap::read_block(int64_t block, Block* out) {
+  Stmt st(statement(kReadBlock));
+  const int rc = st.ok() ? st.bind(1, block).step() : SQLITE_ERROR;
+  out->mask = 0;
+  if (rc == SQLITE_ROW) {
+    const auto* p = static_cast<const uint8_t*>(sqlite3_column_blob(st.get(), 0));
+    const size_t n = static_cast<size_t>(sqlite3_column_bytes(st.get(), 0));
+    if (!decode_block(p, n, &out->mask, out->leaf))
+      return Status::engine(RTR_ERR_NOT_FOUND, "block " + std::to_string(block) + " of " +
+                                                   rowid_table_ +
+                                                   " is damaged; run `zqrtree check`");
+  } else if (rc != SQLITE_DONE) {
+    return sql_failure(db_.db(), "reading " + rowid_table_);
+  }
+  return Status::ok();
+}
+
+Status LeafMap::write_block(int64_t block, const Block& b) {
+  if (b.mask == 0) {
+    Stmt del(statement(kDeleteBlock));
+    if (!del.ok() || del.bind(1, block).step() != SQLITE_DONE)
+      return sql_failure(db_.db(), "writing " + rowid_table_);
+    return Status::ok();
+  }
+  std::string blob;
+  encode_block(b.mask, b.leaf, &blob);
+  Stmt put(statement(kPutBlock));
+  if (put.ok()) {
+    put.bind(1, block);
+    sqlite3_bind_blob(put.get(), 2, blob.data(), static_cast<int>(blob.size()), SQLITE_STATIC);
+  }
+  if (!put.ok() || put.step() != SQLITE_DONE)
+    return sql_failure(db_.db(), "writing " + rowid_table_);
+  return Status::ok();
+}
+
+Status LeafMap::write(const std::vector<std::pair<int64_t, int64_t>>& rows) {
+  for (size_t i = 0; i < rows.size();) {
+    const int64_t block = block_of(rows[i].first);
+    Block b;
+    if (Status s = read_block(block, &b); !s) return s;
+    for (; i < rows.size() && block_of(rows[i].first) == block; ++i) {
+      const uint64_t bit = uint64_t{1} << bit_of(rows[i].first);
+      if (rows[i].second == 0) {
+        b.mask &= ~bit;
+      } else {
+        b.mask |= bit;
+        b.leaf[bit_of(rows[i].first)] = rows[i].second;
+      }
+    }
+    if (Status s = write_block(block, b); !s) return s;
+  }
+  return Status::ok();
+}
+
+Status LeafMap::pairs(std::vector<std::pair<int64_t, int64_t>>* out) {
+  out->clear();
+  Stmt st(db_.db(),
+          "SELECT block, leaves FROM " + qualified(schema_, rowid_table_) + " ORDER BY block");
+  if (!st.ok()) return sql_failure(db_.db(), "reading " + rowid_table_);
+  int rc;
+  Block b;
+  while ((rc = st.step()) == SQLITE_ROW) {
+    const int64_t block = st.int64(0);
+    const auto* p = static_cast<const uint8_t*>(sqlite3_column_blob(st.get(), 1));
+    if (!decode_block(p, static_cast<size_t>(sqlite3_column_bytes(st.get(), 1)), &b.mask, b.leaf))
+      return Status::invalid("block " + std::to_string(block) + " of " + rowid_table_ +
+                             " is damaged");
+    for (uint64_t bits = b.mask; bits != 0; bits &= bits - 1) {
+      const unsigned i = static_cast<unsigned>(__builtin_ctzll(bits));
+      out->emplace_back(block * 64 + i, b.leaf[i]);
+    }
+  }
+  if (rc != SQLITE_DONE) return sql_failure(db_.db(), "reading " + rowid_table_);
+  return Status::ok();
+}
+
+Status LeafMap::top(int64_t* id) {
+  *id = 0;
+  Stmt st(db_.db(), "SELECT max(block) FROM " + qualified(schema_, rowid_table_));
+  if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(db_.db(), "reading " + rowid_table_);
+  if (sqlite3_column_type(st.get(), 0) == SQLITE_NULL) return Status::ok();
+  const int64_t block = st.int64(0);
+  Block b;
+  if (Status s = read_block(block, &b); !s) return s;
+  if (b.mask != 0) *id = block * 64 + (63 - __builtin_clzll(b.mask));
+  return Status::ok();
+}
+
 Status LeafMap::read_leaf(int64_t leaf, std::vector<uint8_t>* blob, int32_t* level) {
-  Stmt st(db_, "SELECT level, cells FROM " + qualified(schema_, node_table_) + " WHERE rowid = ?1");
+  Stmt st(statement(kReadLeaf));
   if (!st.ok()) return sql_failure(db_.db(), "reading node " + std::to_string(leaf));
   const int rc = st.bind(1, leaf).step();
   blob->clear();
@@ -221,12 +396,10 @@ int32_t LeafMap::moves(int64_t node, const Cells& before, const Cells& after) {
 }
 
 Status LeafMap::table_leaf(int64_t id, int64_t* leaf, bool* found) {
-  Stmt st(db_, "SELECT leaf FROM " + qualified(schema_, rowid_table_) + " WHERE id = ?1");
-  const int rc = st.ok() ? st.bind(1, id).step() : SQLITE_ERROR;
-  *found = rc == SQLITE_ROW;
-  if (*found) *leaf = st.int64(0);
-  if (rc != SQLITE_ROW && rc != SQLITE_DONE)
-    return sql_failure(db_.db(), "reading " + rowid_table_);
+  Block b;
+  if (Status s = read_block(block_of(id), &b); !s) return s;
+  *found = (b.mask >> bit_of(id) & 1) != 0;
+  if (*found) *leaf = b.leaf[bit_of(id)];
   return Status::ok();
 }
 
@@ -274,14 +447,14 @@ std::vector<std::pair<int64_t, int64_t>> LeafMap::settled() const {
 }
 
 Status LeafMap::count(uint64_t* n) {
-  Stmt st(db_.db(), "SELECT count(*) FROM " + qualified(schema_, rowid_table_));
-  if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(db_.db(), "counting rows");
-  int64_t total = st.int64(0);
+  std::vector<std::pair<int64_t, int64_t>> held;
+  if (Status s = pairs(&held); !s) return s;
+  int64_t total = static_cast<int64_t>(held.size());
   for (const auto& [id, leaf] : settled()) {
     if (leaf == kAsTable) continue;
-    int64_t ignored = 0;
-    bool listed = false;
-    if (Status s = table_leaf(id, &ignored, &listed); !s) return s;
+    const bool listed =
+        std::binary_search(held.begin(), held.end(), std::pair<int64_t, int64_t>{id, INT64_MIN},
+                           [](const auto& a, const auto& b) { return a.first < b.first; });
     total += (leaf != 0) - listed;
   }
   *n = static_cast<uint64_t>(total);
@@ -290,15 +463,9 @@ Status LeafMap::count(uint64_t* n) {
 
 Status LeafMap::apply() {
   if (where_.empty()) return Status::ok();
-  Stmt put(db_, "INSERT OR REPLACE INTO " + qualified(schema_, rowid_table_) +
-                    " (id, leaf) VALUES (?1, ?2)");
-  Stmt del(db_, "DELETE FROM " + qualified(schema_, rowid_table_) + " WHERE id = ?1");
-  if (!put.ok() || !del.ok()) return sql_failure(db_.db(), "writing " + rowid_table_);
-  for (const auto& [id, leaf] : settled()) {
-    if (leaf == kAsTable) continue;
-    Stmt& st = leaf != 0 ? put.bind(1, id).bind(2, leaf) : del.bind(1, id);
-    if (st.step() != SQLITE_DONE) return sql_failure(db_.db(), "writing " + rowid_table_);
-  }
+  std::vector<std::pair<int64_t, int64_t>> rows = settled();
+  std::erase_if(rows, [](const auto& row) { return row.second == kAsTable; });
+  if (Status s = write(rows); !s) return s;
   forget();
   return Status::ok();
 }
@@ -314,23 +481,68 @@ void LeafMap::collect(bool on) {
   collecting_ = on;
 }
 
+// Rowids mostly come dense, and then a slot per rowid of the range puts the
+// pairs in order without a sort; false when they are too spread for that.
+bool LeafMap::dense_refill(Status* s) {
+  if (built_.empty()) return true;
+  int64_t lo = INT64_MAX, hi = INT64_MIN;
+  for (const auto& [id, leaf] : built_) {
+    lo = std::min(lo, id);
+    hi = std::max(hi, id);
+  }
+  const uint64_t span = static_cast<uint64_t>(hi) - static_cast<uint64_t>(lo) + 1;
+  if (span == 0 || span > 4 * built_.size() + 4096) return false;
+  // Whole blocks, so that the slots of one block lie together.
+  const int64_t first = block_of(lo) * 64;
+  std::vector<int64_t> slot(static_cast<size_t>(block_of(hi) * 64 + 64 - first), 0);
+  for (const auto& [id, leaf] : built_) {
+    int64_t& at = slot[static_cast<size_t>(id - first)];
+    if (at != 0) {
+      *s = Status::invalid("rowid " + std::to_string(id) + " is in the tree twice");
+      return true;
+    }
+    at = leaf;
+  }
+  Block b;
+  for (size_t base = 0; *s && base < slot.size(); base += 64) {
+    b.mask = 0;
+    for (unsigned i = 0; i < 64; ++i)
+      if (slot[base + i] != 0) {
+        b.mask |= uint64_t{1} << i;
+        b.leaf[i] = slot[base + i];
+      }
+    if (b.mask != 0) *s = write_block(block_of(first) + static_cast<int64_t>(base / 64), b);
+  }
+  return true;
+}
+
+Status LeafMap::sorted_refill() {
+  std::sort(built_.begin(), built_.end());
+  for (size_t i = 1; i < built_.size(); ++i)
+    if (built_[i].first == built_[i - 1].first)
+      return Status::invalid("rowid " + std::to_string(built_[i].first) + " is in the tree twice");
+  // Straight into empty blocks, each written once.
+  Block b;
+  for (size_t i = 0; i < built_.size();) {
+    const int64_t block = block_of(built_[i].first);
+    b.mask = 0;
+    for (; i < built_.size() && block_of(built_[i].first) == block; ++i) {
+      b.mask |= uint64_t{1} << bit_of(built_[i].first);
+      b.leaf[bit_of(built_[i].first)] = built_[i].second;
+    }
+    if (Status s = write_block(block, b); !s) return s;
+  }
+  return Status::ok();
+}
+
 Status LeafMap::refill() {
   std::sort(dropped_.begin(), dropped_.end());
   std::erase_if(built_, [&](const auto& p) {
     return std::binary_search(dropped_.begin(), dropped_.end(), p.second);
   });
-  std::sort(built_.begin(), built_.end());
   Status s =
       exec(db_.db(), "DELETE FROM " + qualified(schema_, rowid_table_), "emptying " + rowid_table_);
-  Stmt put(db_.db(),
-           "INSERT INTO " + qualified(schema_, rowid_table_) + " (id, leaf) VALUES (?1, ?2)");
-  if (s && !put.ok()) s = sql_failure(db_.db(), "writing " + rowid_table_);
-  for (size_t i = 0; s && i < built_.size(); ++i) {
-    if (i > 0 && built_[i].first == built_[i - 1].first)
-      s = Status::invalid("rowid " + std::to_string(built_[i].first) + " is in the tree twice");
-    else if (put.bind(1, built_[i].first).bind(2, built_[i].second).step() != SQLITE_DONE)
-      s = sql_failure(db_.db(), "writing " + rowid_table_);
-  }
+  if (s && !dense_refill(&s)) s = sorted_refill();
   forget();
   return s;
 }

@@ -2,10 +2,17 @@
  *
  * The library finds an entry by its box, but an engine is asked for rowids
  * ("DELETE ... WHERE id = ?"), so it must find a rowid's box first. Rather
- * than a second copy of every box, the driver keeps the table name + "_rowid"
- * (id INTEGER PRIMARY KEY, leaf INTEGER NOT NULL): the node id of the leaf
- * row that holds each rowid, 12 to 14 bytes an entry where a copy of a 2-D
- * box takes 45. The box itself is read from that leaf row.
+ * than a second copy of every box, the driver keeps the table name + "_rowid":
+ * the node id of the leaf row that holds each rowid, from which the box is
+ * read. Rowids go in blocks of 64, one row a block, so that a dense index
+ * costs about 4 bytes an entry (a copy of a 2-D box takes 45) and a bulk
+ * build writes one row per 64 entries:
+ *
+ *   block  INTEGER PRIMARY KEY   rowid >> 6 (rowids 64*block .. 64*block+63)
+ *   leaves BLOB NOT NULL         u8 w (4 or 8), u64 mask (bit i: rowid
+ *                                64*block + i is indexed), then the leaf of
+ *                                each indexed rowid in ascending order, w
+ *                                bytes each; native byte order
  *
  * The table follows the node table by watching every row the host writes to
  * it (the session's row observer). For each entry the writes touch, it keeps
@@ -48,6 +55,8 @@ class LeafMap {
   const std::string& schema() const { return schema_; }
   const std::string& node_table() const { return node_table_; }
   const std::string& rowid_table() const { return rowid_table_; }
+  // The CREATE TABLE of an index's rowid table, `table` quoted and qualified.
+  static std::string create_sql(const std::string& table);
 
   // A row of the node table is about to be written; 0 or a negative code.
   int32_t observe(const zq_row_event& event);
@@ -58,6 +67,10 @@ class LeafMap {
   Status find(int64_t id, Box* box, bool* found);
   // Rows of the table, corrected by the moves not yet applied.
   Status count(uint64_t* n);
+  // Every (rowid, leaf) the table holds, in rowid order; the largest rowid
+  // it holds (0 when none).
+  Status pairs(std::vector<std::pair<int64_t, int64_t>>* out);
+  Status top(int64_t* id);
   Status apply();
   void forget();
   bool has_moves() const { return !where_.empty(); }
@@ -83,6 +96,20 @@ class LeafMap {
     int64_t any() const;      // a holder, or 0
   };
   Status table_leaf(int64_t id, int64_t* leaf, bool* found);
+  // Statements kept by the Database, prepared on first use.
+  struct Block {
+    uint64_t mask = 0;
+    int64_t leaf[64];  // by bit; valid where the mask is set
+  };
+  enum Kind { kReadLeaf, kReadBlock, kPutBlock, kDeleteBlock, kKinds };
+  sqlite3_stmt* statement(Kind kind);
+  Status read_block(int64_t block, Block* out);
+  Status write_block(int64_t block, const Block& b);
+  // Writes the (rowid, leaf) rows, in rowid order, over what the table
+  // holds; leaf 0 takes the rowid out.
+  Status write(const std::vector<std::pair<int64_t, int64_t>>& rows);
+  bool dense_refill(Status* s);
+  Status sorted_refill();
   Status read_leaf(int64_t leaf, std::vector<uint8_t>* blob, int32_t* level);
   int32_t moves(int64_t node, const Cells& before, const Cells& after);
 
@@ -90,6 +117,7 @@ class LeafMap {
   std::string schema_;
   std::string node_table_;
   std::string rowid_table_;
+  sqlite3_stmt* stmts_[kKinds] = {};
   std::unordered_map<int64_t, Where> where_;
   std::unordered_map<int64_t, Box> loose_;  // boxes of the rowids no stored row holds
   bool collecting_ = false;

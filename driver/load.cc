@@ -5,10 +5,12 @@
 // nsort_sort_it -> rtr_mem_create_for_bld -> rtr_blkload -> destroy all.
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -109,48 +111,72 @@ std::string fill_problem(double fill) {
 }
 
 // The rowids a load has seen, to refuse a second one with the place it came
-// from. Open addressing over a power-of-two table kept at most half full;
-// INT64_MIN marks an empty slot and is remembered apart.
+// from. Rowids are usually dense, so a bitmap over their range serves, a bit
+// each and no cache miss to speak of; ids spread too thinly for that go to a
+// hash set instead.
 class RowidSet {
  public:
-  explicit RowidSet(uint64_t expected) { grow(expected); }
   // False when `id` was already there.
   bool insert(int64_t id) {
-    if (id == kEmpty) return !std::exchange(has_empty_, true);
-    if (2 * (size_ + 1) > slots_.size()) grow(slots_.size());
-    for (size_t i = slot(id);; i = (i + 1) & (slots_.size() - 1)) {
-      if (slots_[i] == id) return false;
-      if (slots_[i] == kEmpty) {
-        slots_[i] = id;
-        ++size_;
-        return true;
+    ++count_;
+    if (!hashed_) {
+      if (words_.empty()) {
+        base_ = id;
+        words_.assign(16, 0);
       }
+      uint64_t off = static_cast<uint64_t>(id) - static_cast<uint64_t>(base_);
+      if (id < base_ || off >= 64 * words_.size()) {
+        if (!widen(id)) return hash_all(), hash_.insert(id).second;
+        off = static_cast<uint64_t>(id) - static_cast<uint64_t>(base_);
+      }
+      uint64_t& word = words_[off / 64];
+      const uint64_t bit = uint64_t{1} << (off % 64);
+      const bool fresh = (word & bit) == 0;
+      word |= bit;
+      return fresh;
     }
+    return hash_.insert(id).second;
   }
 
  private:
-  static constexpr int64_t kEmpty = INT64_MIN;
-  size_t slot(int64_t id) const {
-    // Rowids are often dense: a multiplicative hash spreads them.
-    return static_cast<size_t>((static_cast<uint64_t>(id) * 0x9E3779B97F4A7C15ull) >> shift_);
+  // A bitmap may span 64 ids per id seen, and always 64M. It doubles as it
+  // widens, reaching down when ids come below its start.
+  bool widen(int64_t id) {
+    const int64_t old_base = base_;
+    const __int128 lo = std::min<__int128>(old_base, id);
+    const __int128 hi = std::max<__int128>(old_base + 64 * static_cast<__int128>(words_.size()),
+                                           static_cast<__int128>(id) + 1);
+    size_t words = std::max<size_t>(2 * words_.size(), 16);
+    while (64 * static_cast<__int128>(words) < hi - lo) words *= 2;
+    const __int128 span = 64 * static_cast<__int128>(words);
+    if (span > std::max<__int128>(__int128{1} << 26, 64 * static_cast<__int128>(count_)))
+      return false;
+    const std::vector<uint64_t> old = std::exchange(words_, std::vector<uint64_t>(words, 0));
+    base_ =
+        id < old_base ? static_cast<int64_t>(std::max<__int128>(hi - span, INT64_MIN)) : old_base;
+    for (size_t w = 0; w < old.size(); ++w)
+      for (uint64_t bits = old[w]; bits != 0; bits &= bits - 1) {
+        const uint64_t off = static_cast<uint64_t>(old_base) + 64 * w +
+                             static_cast<uint64_t>(__builtin_ctzll(bits)) -
+                             static_cast<uint64_t>(base_);
+        words_[off / 64] |= uint64_t{1} << (off % 64);
+      }
+    return true;
   }
-  void grow(uint64_t expected) {
-    size_t n = 1024;
-    int bits = 10;
-    while (n < 2 * expected) {
-      n *= 2;
-      ++bits;
-    }
-    std::vector<int64_t> old = std::exchange(slots_, std::vector<int64_t>(n, kEmpty));
-    shift_ = 64 - bits;
-    size_ = 0;
-    for (int64_t id : old)
-      if (id != kEmpty) insert(id);
+  void hash_all() {
+    hashed_ = true;
+    hash_.reserve(count_ * 2);
+    for (size_t w = 0; w < words_.size(); ++w)
+      for (uint64_t bits = words_[w]; bits != 0; bits &= bits - 1)
+        hash_.insert(base_ + static_cast<int64_t>(64 * w) + __builtin_ctzll(bits));
+    words_ = {};
   }
-  std::vector<int64_t> slots_;
-  int shift_ = 54;
-  size_t size_ = 0;
-  bool has_empty_ = false;
+
+  bool hashed_ = false;
+  int64_t base_ = 0;
+  uint64_t count_ = 0;
+  std::vector<uint64_t> words_;
+  std::unordered_set<int64_t> hash_;
 };
 
 bool root_row_exists(const Index& index) {
@@ -218,7 +244,7 @@ Status Index::load(EntrySource& source, const LoadOptions& options) {
   uint64_t existing = 0;
   if (!options.replace)
     if (Status s = count(&existing); !s) return s;
-  RowidSet seen(existing + source.size_hint());
+  RowidSet seen;
 
   auto feed = [&](const std::function<Status(const Entry&)>& put) -> Status {
     // Entries already indexed go in first, while the tree still holds them.

@@ -128,13 +128,12 @@ Status Index::verify_rowids(std::string* problem, rtr_mem* borrowed) const {
   };
   Status s = borrowed != nullptr ? detail::walk_tree(*this, borrowed, leaves) : walk(leaves);
   if (!s) return s;
-  detail::Stmt st(db_->db(), "SELECT id, leaf FROM " + detail::qualified(schema_, rowid_table()) +
-                                 " ORDER BY id");
-  if (!st.ok()) return detail::sql_failure(db_->db(), "reading " + rowid_table());
-  int rc;
-  while ((rc = st.step()) == SQLITE_ROW) table.push_back(Placed{st.int64(0), st.int64(1)});
-  if (rc != SQLITE_DONE) return detail::sql_failure(db_->db(), "reading " + rowid_table());
-  if (detail::LeafMap* map = leaf_map(); map != nullptr && map->has_moves()) {
+  detail::LeafMap* map = leaf_map();
+  if (map == nullptr) return Status::not_found("index '" + name_ + "' has no rowid table");
+  std::vector<std::pair<int64_t, int64_t>> held;
+  if (s = map->pairs(&held); !s) return s;
+  for (const auto& [id, leaf] : held) table.push_back(Placed{id, leaf});
+  if (map->has_moves()) {
     // The table as it will be once the moves are applied.
     std::vector<Placed> moved;
     for (const auto& [id, leaf] : map->settled())

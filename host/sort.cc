@@ -506,7 +506,7 @@ Entry* radix_sort(Entry* a, Entry* tmp, uint64_t n) {
 // Below this many rows a comparison sort is as quick as the radix passes.
 constexpr uint64_t kRadixMinRows = 2048;
 
-// Sorts by the exact prefix: by radix when the pool has room for a second
+// Sorts by the prefix: by radix when the pool has room for a second
 // entry array (and the counts fit), else in place.
 int32_t sort_exact(zq_env* env, zq_nsort* s) {
   Entry* first = s->entries;
@@ -542,12 +542,19 @@ int32_t sort_memory(zq_env* env, zq_nsort* s) {
   }
   Entry* first = s->entries;
   Entry* last = s->entries + s->n_entries;
-  if (prefix_is_exact(s)) {
-    return sort_exact(env, s);
-  } else {
-    std::sort(first, last, [s](const Entry& a, const Entry& b) {
-      return row_less(s, a.prefix, a.row, b.prefix, b.row, false);
-    });
+  if (int32_t rc = sort_exact(env, s); rc < 0 || prefix_is_exact(s)) return rc;
+  // Ordered by prefix, which the full compare puts first: only rows whose
+  // prefixes tie need the rest of the key.
+  first = s->entries;
+  last = s->entries + s->n_entries;
+  auto less = [s](const Entry& a, const Entry& b) {
+    return row_less(s, a.prefix, a.row, b.prefix, b.row, false);
+  };
+  for (Entry* run = first; run != last;) {
+    Entry* end = run + 1;
+    while (end != last && end->prefix == run->prefix) ++end;
+    if (end - run > 1) std::sort(run, end, less);
+    run = end;
   }
   return 0;
 }

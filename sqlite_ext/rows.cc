@@ -7,6 +7,7 @@
 #include <climits>
 #include <string>
 
+#include "driver/leaf_map.h"
 #include "driver/stmt.h"
 #include "sqlite_ext/ext.h"
 #include "sqlite_ext/handle.h"
@@ -37,10 +38,10 @@ zq::Status find_row(Table* t, int64_t id, zq::Entry* entry, bool* found) {
 
 zq::Status top_rowid(Table* t, int64_t* top) {
   sqlite3* db = t->conn->db;
-  zq::Stmt st(t->conn->database(), "SELECT max(id) FROM " + quote(t->index.schema()) + "." +
-                                       quote(t->index.rowid_table()));
-  if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(db, "choosing a rowid");
-  *top = std::max(st.int64(0), t->txn.top_inserted());
+  zq::detail::LeafMap* map = t->index.leaf_map();
+  if (map == nullptr) return zq::Status::not_found("the rowid table is missing");
+  if (zq::Status s = map->top(top); !s) return s;
+  *top = std::max(*top, t->txn.top_inserted());
   if (t->deferred()) {
     Stmt live(db, "SELECT max(rid) FROM temp.zqrtree_touched WHERE tab = ?1 AND live = 1");
     if (!live.ok() || live.bind(1, t->key()).step() != SQLITE_ROW)

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/leaf_map.h"
 #include "driver/stmt.h"
 #include "sqlite_ext/ext.h"
 #include "sqlite_ext/handle.h"
@@ -223,8 +224,8 @@ zq::Status create_tables(Conn* conn, const std::string& schema, const std::strin
   std::string err = exec(
       conn->db, "CREATE TABLE IF NOT EXISTS " + catalog + " (name TEXT PRIMARY KEY, dims INTEGER)");
   if (!err.empty()) return zq::Status::io("creating the index catalog: " + err);
-  err = exec(conn->db, "CREATE TABLE " + quote(schema) + "." + quote(name + "_rowid") +
-                           " (id INTEGER PRIMARY KEY, leaf INTEGER NOT NULL)");
+  err =
+      exec(conn->db, zq::detail::LeafMap::create_sql(quote(schema) + "." + quote(name + "_rowid")));
   if (!err.empty()) return zq::Status::io("creating the rowid table: " + err);
   conn->database().reset_leaf_maps();
   const int32_t rc =

@@ -62,8 +62,8 @@ void add_load(CLI::App& app, Context& ctx) {
   cmd->add_option("FILE", args->file, "input file, or - for standard input")->required();
   add_input_options(cmd, ctx, &args->input);
   cmd->add_option("--fill", args->fill,
-                  "fraction of the 51 entries each node gets; 0.7 leaves room for later "
-                  "inserts, 1.0 packs read-only data tightest")
+                  "fraction of the 51 entries each node gets; the default leaves room for later "
+                  "inserts and fills the file's pages, 1.0 packs read-only data tightest")
       ->capture_default_str();
   cmd->add_flag("--replace", args->replace, "drop the index's current entries first");
   cmd->callback([&ctx, args] { ctx.action = [&ctx, args] { return run_load(ctx, *args); }; });

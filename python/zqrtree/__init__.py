@@ -90,7 +90,7 @@ class Index:
         self.conn.execute(f"INSERT INTO {_quote(self.name)} VALUES ({marks})",
                           self._row(entry_id, box))
 
-    def bulk_load(self, entries: Iterable[Entry], fill: float = 0.7) -> int:
+    def bulk_load(self, entries: Iterable[Entry], fill: float = 0.65) -> int:
         """Adds every ``(id, box)`` and rebuilds the tree bottom-up, nodes
         filled to ``fill``; returns how many were added. It is a transaction
         of its own, so the connection must have none open. Nothing is added
