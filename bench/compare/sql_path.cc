@@ -186,7 +186,9 @@ void write_table(std::ostream& md, const SqlResult& r, bool cpu) {
     md << "| " << l.label;
     for (const std::string& c : r.configs) md << " | " << show(l, cell(r, c, l, cpu));
     const auto best = versus(r, l, "zq-best", "sqlite-best", cpu);
-    md << " | " << ratio(best);
+    // Two more digits where the usual two would read as the target itself.
+    const bool close = best && l.target > 0 && std::fabs(*best / l.target - 1) < 0.01;
+    md << " | " << (close ? fmt("%.4g×", *best) : ratio(best));
     if (!cpu) {
       const auto ok = met(l, best);
       md << " | " << (l.target > 0 ? (is_speed(l.kind) ? "≥ " : "≤ ") + fmt("%g×", l.target) : "")
@@ -249,6 +251,13 @@ void write_sql_path(std::ostream& md, const SqlResult& r) {
     md << (s ? "," : "") << " " << r.info.n_queries[s] << " × " << sel_name(r.info.sels[s]);
   md << "; " << r.info.n_deletes << " deletes. Medians of " << r.rounds
      << (r.rounds == 1 ? " round" : " interleaved rounds") << ", wall-clock time.";
+  int aimed = 0, reached = 0;
+  for (const Line& l : lines(r.info))
+    if (auto ok = met(l, versus(r, l, "zq-best", "sqlite-best", false))) {
+      ++aimed;
+      reached += *ok ? 1 : 0;
+    }
+  if (aimed > 0) md << " Targets met: " << reached << " of " << aimed << ".";
   for (const std::string& c : {std::string("zq-default"), std::string("zq-best")})
     if (auto fill = median([&] {
           std::vector<double> v;
