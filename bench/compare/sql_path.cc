@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <sstream>
 
@@ -173,6 +174,16 @@ std::string heading(const SqlResult& r, const std::string& config) {
   return it != r.labels.end() ? it->second : config;
 }
 
+// The ratio with as many digits as it takes not to read as the target it
+// is held to (a missed 1.5003× is not shown as 1.50×).
+std::string beside_target(std::optional<double> v, double target) {
+  std::string text = ratio(v);
+  if (!v || target <= 0 || *v == target) return text;
+  for (int digits = 3; digits <= 9 && std::strtod(text.c_str(), nullptr) == target; ++digits)
+    text = fmt(("%." + std::to_string(digits) + "g×").c_str(), *v);
+  return text;
+}
+
 void write_table(std::ostream& md, const SqlResult& r, bool cpu) {
   md << "\n|";
   for (const std::string& c : r.configs) md << " | " << heading(r, c);
@@ -186,9 +197,7 @@ void write_table(std::ostream& md, const SqlResult& r, bool cpu) {
     md << "| " << l.label;
     for (const std::string& c : r.configs) md << " | " << show(l, cell(r, c, l, cpu));
     const auto best = versus(r, l, "zq-best", "sqlite-best", cpu);
-    // Two more digits where the usual two would read as the target itself.
-    const bool close = best && l.target > 0 && std::fabs(*best / l.target - 1) < 0.01;
-    md << " | " << (close ? fmt("%.4g×", *best) : ratio(best));
+    md << " | " << beside_target(best, l.target);
     if (!cpu) {
       const auto ok = met(l, best);
       md << " | " << (l.target > 0 ? (is_speed(l.kind) ? "≥ " : "≤ ") + fmt("%g×", l.target) : "")
