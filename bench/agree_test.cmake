@@ -1,7 +1,9 @@
 # ctest: every built system must return the oracle's rowids on small
 # workloads of every generator, 2-D and 3-D, boxes and points, before and
-# after deletes. Nothing here is timed: bench_compare exits non-zero on any
-# MISMATCH or failed runner, and so does this test.
+# after deletes, through the library path and, for our extension and
+# SQLite's R*Tree, through the SQL path (one round). Nothing here is timed:
+# bench_compare exits non-zero on any MISMATCH or failed runner, and so
+# does this test.
 # Called with -DBIN=<dir of the bench programs> -DWORK=<scratch dir>.
 file(MAKE_DIRECTORY ${WORK})
 set(workloads)
@@ -28,8 +30,12 @@ endif()
 if(EXISTS ${BIN}/bench_run_boost)
   string(APPEND systems ",boost:rstar,boost:pack")
 endif()
+set(sql_configs "")
+if(EXISTS ${BIN}/bench_run_sql)
+  set(sql_configs --sql-configs sqlite-default,sqlite-best,zq-default,zq-best --rounds 1)
+endif()
 execute_process(COMMAND ${BIN}/bench_compare --bin ${BIN} --dir ${WORK} --systems ${systems}
-                        ${workloads}
+                        ${sql_configs} ${workloads}
                 OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "answers disagree or a runner failed:\n${out}")

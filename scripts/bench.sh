@@ -1,16 +1,22 @@
 #!/usr/bin/env bash
-# Side-by-side benchmarks against peer spatial indexes.
+# Side-by-side benchmarks: first the SQL path (our extension against
+# SQLite's R*Tree through the same statements, every system in its default
+# and its best configuration, interleaved rounds), then the library path
+# (libzqrtree's own API against peer spatial indexes).
 # Usage: scripts/bench.sh quick|full [BUILD_DIR]
 #   quick  a small set (5k-entry workloads, the first 5k Turin roads), all
-#          systems, under a minute; results go to BUILD_DIR/bench-quick/
-#   full   the standard set (1M 2-D boxes, uniform and clustered, and the
-#          Moscow road segments); results go to bench/results/latest.md and
-#          latest.svg, plus the micro-benchmarks in micro.txt when built
+#          systems, under a minute; its job is the answers check; results go
+#          to BUILD_DIR/bench-quick/
+#   full   the standard set (1M 2-D boxes, uniform and clustered, 100k
+#          uniform, and the Moscow road segments); results go to
+#          bench/results/latest.md, latest-sql.svg and latest.svg, plus the
+#          micro-benchmarks in micro.txt when built
 # Peer runners exist only for the packages installed when the build was
 # configured; the configure step is rerun here so packages installed since
 # (make bench installs them) are picked up. A hit mismatch or a failed
-# runner makes the exit status non-zero. BENCH_CLOCK=cpu times CPU instead of
-# wall-clock time, the steadier measure on a machine shared with other work.
+# runner makes the exit status non-zero. BENCH_ROUNDS sets the SQL path's
+# rounds (3). BENCH_CLOCK=cpu times the library path's CPU instead of
+# wall-clock time (the SQL path reports both).
 set -euo pipefail
 
 mode="${1:-}"
@@ -32,13 +38,17 @@ if ! cmake --build "$build" -j "$jobs" --target zq_bench_all >/dev/null; then
   exit 1
 fi
 bin="$build/bench"
-for runner in zq sqlite sidx boost brute; do
+for runner in sql zq sqlite sidx boost brute; do
   [ -x "$bin/bench_run_$runner" ] || echo "note: bench_run_$runner not built; its rows are skipped" >&2
 done
 
 # Every system in the quick set. The full set leaves out what costs minutes
-# per 1M entries without telling more: libspatialindex on disk (its memory
-# storage is there) and our :memory: variants (the file ones are there).
+# per 1M entries without telling more: SQLite's R*Tree in memory (the SQL
+# path measures it on files in two configurations), libspatialindex on disk
+# and by insertion (its memory storage with STR is there), and our :memory:
+# variants (the file ones are there).
+sql_configs="sqlite-default,sqlite-best,zq-default,zq-best"
+rounds="${BENCH_ROUNDS:-3}"
 if [ "$mode" = quick ]; then
   out="$build/bench-quick"
   n=5000
@@ -51,11 +61,10 @@ if [ "$mode" = quick ]; then
 else
   out="$root/bench/results"
   n=1000000
-  queries="0.00001:5000,0.0001:5000,0.01:100"
+  queries="0.00001:5000,0.0001:5000,0.01:200"
   deletes=0.02
   timeout=600
-  systems="sqlite:file,sqlite:memory,zq:bulk-file,zq:incr-file,sidx:mem-str,sidx:mem-rstar"
-  systems+=",boost:rstar,boost:pack,brute:scan"
+  systems="sqlite:file,zq:bulk-file,zq:incr-file,sidx:mem-str,boost:rstar,boost:pack,brute:scan"
 fi
 work="$build/bench-work"
 mkdir -p "$out" "$work"
@@ -83,17 +92,19 @@ if [ "$mode" = quick ]; then
 else
   gen uniform-boxes-2d --dist uniform --kind boxes --dims 2 --n "$n"
   gen clustered-boxes-2d --dist clustered --kind boxes --dims 2 --n "$n"
+  gen uniform-boxes-2d-100k --dist uniform --kind boxes --dims 2 --n 100000
   gen moscow-roads --csv "$data/osm-moscow-road-segments.csv.gz"
 fi
 
 status=0
 "$bin/bench_compare" --bin "$bin" --dir "$work" --timeout "$timeout" --clock "${BENCH_CLOCK:-wall}" \
-  --systems "$systems" --md "$out/latest.md" --svg "$out/latest.svg" "${workloads[@]}" || status=$?
+  --sql-configs "$sql_configs" --rounds "$rounds" --systems "$systems" --md "$out/latest.md" \
+  --sql-svg "$out/latest-sql.svg" --svg "$out/latest.svg" "${workloads[@]}" || status=$?
 
 if [ "$mode" = full ] && [ -x "$bin/zq_micro" ]; then
   ZQ_MICRO_DIR="$work" "$bin/zq_micro" --benchmark_counters_tabular=true \
     >"$out/micro.txt" || status=$?
 fi
 rm -f "$work"/*.db "$work"/*.db-wal "$work"/*.db-shm "$work"/*.idx "$work"/*.dat
-echo "results: $out/latest.md, $out/latest.svg" >&2
+echo "results: $out/latest.md, $out/latest-sql.svg, $out/latest.svg" >&2
 exit "$status"

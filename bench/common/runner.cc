@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -72,36 +71,40 @@ void Report::print() const {
   std::fflush(stdout);
 }
 
-Box whole_extent(const Workload& w) {
-  Box all;
-  if (w.entries.empty()) return all;
-  all = w.entries[0].box;
-  for (const Entry& e : w.entries)
-    for (int k = 0; k < w.dims; ++k) {
-      all.lo[k] = std::min(all.lo[k], e.box.lo[k]);
-      all.hi[k] = std::max(all.hi[k], e.box.hi[k]);
-    }
-  return all;
+PhaseTimer::PhaseTimer() {
+  struct timespec wall, cpu;
+  clock_gettime(CLOCK_MONOTONIC, &wall);
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu);
+  wall0_ = static_cast<double>(wall.tv_sec) + wall.tv_nsec * 1e-9;
+  cpu0_ = static_cast<double>(cpu.tv_sec) + cpu.tv_nsec * 1e-9;
+}
+
+void PhaseTimer::report(Report& report, uint64_t ops) const {
+  struct timespec wall, cpu;
+  clock_gettime(CLOCK_MONOTONIC, &wall);
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu);
+  report.value("wall_s", static_cast<double>(wall.tv_sec) + wall.tv_nsec * 1e-9 - wall0_);
+  report.value("cpu_s", static_cast<double>(cpu.tv_sec) + cpu.tv_nsec * 1e-9 - cpu0_);
+  report.value("ops", static_cast<double>(ops));
+}
+
+std::string run_query_set(const Workload& w, size_t set, Hits* hits, const QueryFn& query) {
+  for (const Box& q : w.sets[set].boxes) {
+    std::string err = query(q, hits);
+    if (!err.empty()) return err;
+  }
+  return "";
 }
 
 std::string run_query_sets(const Workload& w, Report& report, const QueryFn& query) {
-  // Every system first answers one query over the whole extent, untimed, so
-  // the timed sets meet warm caches everywhere and the first set does not
-  // pay for loading the index.
-  Hits warm_up;
-  std::string err = query(whole_extent(w), &warm_up);
-  if (!err.empty()) return err;
   for (size_t s = 0; s < w.sets.size(); ++s) {
-    const QuerySet& set = w.sets[s];
     Hits hits;
     Stopwatch clock;
-    for (const Box& q : set.boxes) {
-      std::string err = query(q, &hits);
-      if (!err.empty()) return err;
-    }
+    std::string err = run_query_set(w, s, &hits, query);
+    if (!err.empty()) return err;
     const double secs = clock.seconds();
     const std::string suffix = "." + std::to_string(s);
-    report.value("q_per_s" + suffix, secs > 0 ? set.boxes.size() / secs : 0);
+    report.value("q_per_s" + suffix, secs > 0 ? w.sets[s].boxes.size() / secs : 0);
     report.hits("hits" + suffix, hits);
   }
   return "";
@@ -110,12 +113,9 @@ std::string run_query_sets(const Workload& w, Report& report, const QueryFn& que
 std::string run_verify_set(const Workload& w, Report& report, const QueryFn& query) {
   if (w.sets.empty()) return "";
   Hits hits;
-  for (const Box& q : w.sets[w.verify_set].boxes) {
-    std::string err = query(q, &hits);
-    if (!err.empty()) return err;
-  }
-  report.hits("hits_del", hits);
-  return "";
+  std::string err = run_query_set(w, w.verify_set, &hits, query);
+  if (err.empty()) report.hits("hits_del", hits);
+  return err;
 }
 
 long peak_rss_kb() {

@@ -12,7 +12,8 @@
 // Keys: build_bulk_s, build_incr_s, insert_per_s, q_per_s.<set>,
 // hits.<set> <count> <digest>, nodes_per_q.<set>, delete_per_s,
 // hits_del <count> <digest>, size_bytes, base_rss_kb, note <text>,
-// version <text>.
+// version <text>; a runner that times one phase per process (the SQL path)
+// gives it as wall_s, cpu_s and ops (rows or queries).
 // Anything on standard error is for people. A failure exits non-zero.
 #ifndef ZQ_BENCH_COMMON_RUNNER_H
 #define ZQ_BENCH_COMMON_RUNNER_H
@@ -44,6 +45,7 @@ class Report {
  public:
   size_t row(const std::string& label);  // adds a row and makes it current
   void use(size_t row) { cur_ = row; }
+  void rename(const std::string& label) { rows_.at(cur_).first = label; }
   void value(const std::string& key, double v);
   void hits(const std::string& key, const Hits& h);
   void note(const std::string& text);
@@ -71,12 +73,27 @@ class Stopwatch {
   double t0_;
 };
 
+// Wall-clock and CPU time of one phase together, whatever --clock says: the
+// SQL-path tables show both.
+class PhaseTimer {
+ public:
+  PhaseTimer();
+  // Reports wall_s, cpu_s and ops: the phase's seconds and its operations.
+  void report(Report& report, uint64_t ops) const;
+
+ private:
+  double wall0_, cpu0_;
+};
+
 // One window query: adds every hit's id to `hits`; returns "" or why it failed.
 using QueryFn = std::function<std::string(const Box& q, Hits* hits)>;
 
-// After one untimed query over the whole extent (the warm-up), times every
-// query set and reports q_per_s.<set> and hits.<set>.
+// Times every query set in order and reports q_per_s.<set> and hits.<set>.
+// Nothing is read beforehand: the first set meets the caches the build
+// left, as a user's first queries do.
 std::string run_query_sets(const Workload& w, Report& report, const QueryFn& query);
+// Runs query set `set` once, adding its hits; "" or why a query failed.
+std::string run_query_set(const Workload& w, size_t set, Hits* hits, const QueryFn& query);
 // Runs the workload's verify set once, untimed, and reports hits_del.
 std::string run_verify_set(const Workload& w, Report& report, const QueryFn& query);
 
