@@ -298,8 +298,14 @@ class Index {
   // The stored box of a rowid; kNotFound when it is not indexed.
   Status lookup(int64_t id, Box* box) const;
   Status count(uint64_t* n) const;  // indexed rows
-  // Every entry, in the tree's order.
-  Status entries(const std::function<bool(const Entry&)>& visit) const;
+  // Every entry, in the tree's order; with `borrowed`, of that handle's tree
+  // (the caller's transaction) instead of a fresh one.
+  Status entries(const std::function<bool(const Entry&)>& visit, rtr_mem* borrowed = nullptr) const;
+  // Replaces the tree by a bulk build of the entries `feed` puts, inside the
+  // caller's transaction: for an engine holding a whole transaction's
+  // changes, which packs better and sooner than inserting them one by one.
+  using Feed = std::function<Status(const std::function<Status(const Entry&)>& put)>;
+  Status rebuild(double fill, const Feed& feed) const;
   // Every node reachable from the root, parents before children, through
   // the library's node cache; cells are valid during the call only.
   Status walk(const std::function<void(const NodeView&)>& visit) const;

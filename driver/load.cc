@@ -219,6 +219,9 @@ Status rebuild_tree(
   map->collect(true);
   Handle handle(index, Handle::Mode::kBuild);
   if (!handle.created()) return handle.created();
+  // The stack is read below for what the build alone pushed; inserts run
+  // earlier in the caller's transaction push ordinary full-node notes.
+  zqenv_err_clear(db.env());
   const int32_t rc =
       rtr_blkload(db.env(), mem.get(), handle.get(), feeder.sorter(), feeder.count(), fill);
   map->collect(false);
@@ -277,6 +280,11 @@ Status Index::load(EntrySource& source, const LoadOptions& options) {
   };
   if (Status s = detail::rebuild_tree(*this, options.fill, options.progress, feed); !s) return s;
   return op.commit();
+}
+
+Status Index::rebuild(double fill, const Feed& feed) const {
+  if (std::string p = fill_problem(fill); !p.empty()) return Status::invalid(p);
+  return detail::rebuild_tree(*this, fill, {}, feed);
 }
 
 bool VectorSource::next(Entry* entry, Status* /*status*/) {

@@ -81,13 +81,14 @@ Status Index::with_read_handle(const std::function<Status(rtr_mem*)>& fn) const 
   return txn.commit();
 }
 
-Status Index::entries(const std::function<bool(const Entry&)>& visit) const {
+Status Index::entries(const std::function<bool(const Entry&)>& visit, rtr_mem* borrowed) const {
   bool more = true;
-  return walk([&](const NodeView& node) {
+  auto leaves = [&](const NodeView& node) {
     if (node.level != 0) return;
     for (size_t i = 0; more && i < node.cells.size(); ++i)
       more = visit(Entry{node.cells[i].id, from_rect(node.cells[i].rect, dims_)});
-  });
+  };
+  return borrowed != nullptr ? detail::walk_tree(*this, borrowed, leaves) : walk(leaves);
 }
 
 namespace {

@@ -3,6 +3,8 @@
 #include "sqlite_ext/tree_txn.h"
 
 #include <algorithm>
+#include <functional>
+#include <new>
 #include <string>
 
 #include "driver/leaf_map.h"
@@ -110,18 +112,13 @@ void TreeTxn::forget_moves() {
 }
 
 zq::Status TreeTxn::change(const zq::Entry* old_entry, const zq::Entry* new_entry) {
-  if (zq::Status s = ready(); !s) return s;
   const size_t before = ops_.size();
-  for (const zq::Entry* e : {old_entry, new_entry}) {
-    if (e == nullptr) continue;
-    push(e == new_entry, *e);
-    if (zq::Status s = apply(ops_.back()); !s) {
-      zq::Status undone = revert(before);
-      if (undone) return s;
-      return zq::Status::io(s.message() +
-                            "; restoring the tree failed as well: " + undone.message());
-    }
-    ++applied_;
+  try {
+    if (old_entry != nullptr) push(false, *old_entry);
+    if (new_entry != nullptr) push(true, *new_entry);
+  } catch (const std::bad_alloc&) {
+    shorten(before);
+    return zq::Status::io("no memory to list the change");
   }
   return zq::Status::ok();
 }
@@ -180,15 +177,56 @@ zq::Status TreeTxn::trim() {
   return zq::Status::ok();
 }
 
+// Rebuilding costs about what inserting an eighth as many entries does, and
+// packs the tree: it pays once the changes reach a quarter of the index.
+bool TreeTxn::worth_rebuilding(zq::Status* status) const {
+  constexpr size_t kFewest = 64;
+  const size_t waiting = ops_.size() - written_;
+  if (waiting < kFewest) return false;
+  uint64_t entries = 0;
+  *status = index_->count(&entries);
+  return *status && waiting >= entries / 4;
+}
+
+// The tree as the transaction found it (as far as the handle has taken the
+// changes, what it holds), less every rowid the transaction changed, plus
+// their entries now.
+zq::Status TreeTxn::rebuild() {
+  zq::Status s;
+  HandleRef reader = rtr_ != nullptr ? rtr_ : create_handle(*index_, 1, &s);
+  if (reader == nullptr) return s;
+  auto feed = [&](const std::function<zq::Status(const zq::Entry&)>& put) {
+    zq::Status inner;
+    zq::Status walked = index_->entries(
+        [&](const zq::Entry& e) { return last_.count(e.id) != 0 || (inner = put(e)).is_ok(); },
+        reader.get());
+    if (!walked) return walked;
+    if (!inner) return inner;
+    for (const auto& [id, at] : last_)
+      if (ops_[at].insert)
+        if (zq::Status put_status = put(ops_[at].entry); !put_status) return put_status;
+    return zq::Status::ok();
+  };
+  s = index_->rebuild(zq::kDefaultFill, feed);
+  rtr_.reset();
+  return s;
+}
+
 zq::Status TreeTxn::flush() {
   if (!active()) return zq::Status::ok();
-  zq::Status s = ready();
   // A failed flush fails the commit, and SQLite then rolls the whole
   // transaction back: its writes need no tracking.
-  track(false);
-  if (s && rtr_ != nullptr && applied_ > written_) {
-    const int32_t rc = rtr_flush_all(db().env(), rtr_.get());
-    if (rc < 0) s = engine_failure(db(), rc, "writing back the changed nodes");
+  zq::Status s;
+  if (worth_rebuilding(&s)) {
+    track(false);
+    s = rebuild();
+  } else if (s) {
+    s = ready();
+    track(false);
+    if (s && rtr_ != nullptr && applied_ > written_) {
+      const int32_t rc = rtr_flush_all(db().env(), rtr_.get());
+      if (rc < 0) s = engine_failure(db(), rc, "writing back the changed nodes");
+    }
   }
   if (zq::detail::LeafMap* map = index_->leaf_map(); s && map != nullptr) s = map->apply();
   discard();

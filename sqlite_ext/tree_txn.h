@@ -3,11 +3,15 @@
  *
  * Writes. SQLite calls xUpdate once per row; a handle per row would read,
  * decode, encode and write the upper levels of the tree again for every row.
- * A TreeTxn keeps one writing-mode handle from a transaction's first change
- * to its commit, where xSync flushes it (once) and destroys it. It also
- * keeps the list of changes made through the handle, because a failure or a
- * rollback to a savepoint must be taken back where SQLite allows no
- * SAVEPOINT of ours (inside a running statement):
+ * A TreeTxn lists a transaction's changes as they come and keeps one
+ * writing-mode handle that takes them when something needs the tree (a
+ * search inside the transaction) or at commit, where xSync flushes it once.
+ * A commit with at least a quarter as many changes as the index held builds
+ * the tree afresh instead, by bulk load of the old entries and the new: far
+ * quicker than inserting them one by one, and a packed tree besides. The
+ * list is kept also because a failure or a rollback to a savepoint must be
+ * taken back where SQLite allows no SAVEPOINT of ours (inside a running
+ * statement):
  *   - node rows the handle writes before commit (an evicted dirty node, the
  *     row of a node a deletion removes) are tracked by the host's row undo;
  *   - taking back puts every tracked row back (the node table is then as at
@@ -56,8 +60,8 @@ class TreeTxn {
   TreeTxn(const TreeTxn&) = delete;
   TreeTxn& operator=(const TreeTxn&) = delete;
 
-  // Deletes `old_entry` (when given) and inserts `new_entry` (when given),
-  // both or neither.
+  // Lists the deletion of `old_entry` (when given) and the insertion of
+  // `new_entry` (when given); the tree takes them when next needed.
   zq::Status change(const zq::Entry* old_entry, const zq::Entry* new_entry);
   // Takes back the changes after the first `length` of the list.
   zq::Status revert(size_t length);
@@ -94,6 +98,8 @@ class TreeTxn {
     size_t length;
   };
   zq::Status ready();  // a handle holding every listed change
+  bool worth_rebuilding(zq::Status* status) const;
+  zq::Status rebuild();
   void push(bool insert, const zq::Entry& entry);
   void shorten(size_t length);
   void forget_moves();
