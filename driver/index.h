@@ -254,6 +254,17 @@ struct NearestOptions {
   uint32_t max_queue = 0;
 };
 
+// What a rebuild from an index's own entries found.
+struct RebuildReport {
+  uint64_t kept = 0;          // entries in the new tree
+  uint64_t leaf_rows = 0;     // repair: leaf rows read
+  uint64_t damaged_rows = 0;  // repair: leaf rows that did not decode, left out
+  uint64_t duplicates = 0;    // repair: second places of a rowid, left out
+  uint64_t bad_boxes = 0;     // repair: entries whose box is no box (NaN, min > max), left out
+  uint64_t unlisted = 0;      // repair: entries the rowid table does not list, left out
+  uint64_t lost = 0;          // repair: rowids the rowid table lists and no leaf row holds
+};
+
 // One tree node as a walk sees it.
 struct NodeView {
   int64_t id;
@@ -287,6 +298,15 @@ class Index {
   // Bulk build from scratch: the current entries (unless options.replace)
   // plus the source's, sorted and packed bottom-up.
   Status load(EntrySource& source, const LoadOptions& options);
+
+  // The tree rebuilt by bulk load from its own entries, nodes filled to
+  // `fill`, as one user operation: for a tree that inserts have left sparse.
+  Status repack(double fill = kDefaultFill, RebuildReport* report = nullptr) const;
+  // The tree rebuilt from every leaf row of the node table that still
+  // decodes, reachable or not, for a damaged index. A readable rowid table
+  // says which rowids are indexed and where; without one, every rowid found
+  // is kept once. Entries that are no box are left out.
+  Status repair(RebuildReport* report = nullptr) const;
 
   // Every hit of `op` against `query`; `visit` returns false to stop early.
   Status query(uint32_t op, const Box& query, const std::function<bool(const Entry&)>& visit) const;

@@ -3,6 +3,8 @@
 //   zqrtree_defer(table, on)            switch deferred mode; returns it
 //   zqrtree_apply(table)                move pending changes into the tree now
 //   zqrtree_check(table)                'ok' or the tree's first violation
+//   zqrtree_repack(table[, fill])       rebuild the tree from its entries
+//   zqrtree_repair(table)               rebuild a damaged tree from its leaf rows
 //   zqrtree_fault_alloc(n)              diagnostic: the nth host allocation fails
 //   zqrtree_fault_engine(n)             diagnostic: the nth node-table engine call fails
 //   zqrtree_undo_armed()                internal: read by the journal's triggers
@@ -111,14 +113,29 @@ bool is_number(sqlite3_value* v) {
   return type == SQLITE_INTEGER || type == SQLITE_FLOAT;
 }
 
+// A load or rebuild runs as a transaction of its own, with nothing waiting.
+bool own_transaction(sqlite3_context* ctx, Table* t, const char* function) {
+  sqlite3* db = t->conn->db;
+  if (sqlite3_get_autocommit(db) == 0 || writer_running(db)) {
+    result_error(ctx, std::string(function) +
+                          ": runs as a transaction of its own; call it from a plain SELECT "
+                          "outside BEGIN ... COMMIT");
+    return false;
+  }
+  uint64_t applied = 0;
+  if (zq::Status s = apply_pending(t, &applied, true); !s) {
+    result_error(ctx, failure(*t, s.message()));
+    return false;
+  }
+  return true;
+}
+
 void fn_load(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   Table* t = table_arg(ctx, argv, "zqrtree_load");
-  if (t == nullptr) return;
+  // Pending changes go in first: the build starts from the tree, which then
+  // holds every row, so nothing may stay pending.
+  if (t == nullptr || !own_transaction(ctx, t, "zqrtree_load")) return;
   sqlite3* db = t->conn->db;
-  if (sqlite3_get_autocommit(db) == 0 || writer_running(db))
-    return result_error(ctx,
-                        "zqrtree_load: runs as a transaction of its own; call it from a "
-                        "plain SELECT outside BEGIN ... COMMIT");
   zq::LoadOptions options;
   if (argc > 2) {
     if (!is_number(argv[2]))
@@ -126,11 +143,6 @@ void fn_load(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
                           "zqrtree_load: fill factor '" + text_arg(argv[2]) + "' is not a number");
     options.fill = sqlite3_value_double(argv[2]);
   }
-  // Pending changes go in first: the build starts from the base table, and
-  // the tree then holds every row, so nothing may stay pending.
-  uint64_t applied = 0;
-  if (zq::Status s = apply_pending(t, &applied, true); !s)
-    return result_error(ctx, failure(*t, s.message()));
   QuerySource source(db, text_arg(argv[1]), t->dims());
   if (!source.error().empty())
     return result_error(ctx, failure(*t, "zqrtree_load query: " + source.error()));
@@ -140,6 +152,39 @@ void fn_load(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
   if (s) s = t->index.count(&after);
   if (!s) return result_error(ctx, failure(*t, "loading: " + s.message()));
   sqlite3_result_int64(ctx, static_cast<sqlite3_int64>(after - before));
+}
+
+void fn_repack(sqlite3_context* ctx, int argc, sqlite3_value** argv) {
+  Table* t = table_arg(ctx, argv, "zqrtree_repack");
+  if (t == nullptr || !own_transaction(ctx, t, "zqrtree_repack")) return;
+  double fill = zq::kDefaultFill;
+  if (argc > 1) {
+    if (!is_number(argv[1]))
+      return result_error(
+          ctx, "zqrtree_repack: fill factor '" + text_arg(argv[1]) + "' is not a number");
+    fill = sqlite3_value_double(argv[1]);
+  }
+  zq::RebuildReport r;
+  if (zq::Status s = t->index.repack(fill, &r); !s)
+    return result_error(ctx, failure(*t, "repacking: " + s.message()));
+  t->reader.drop();
+  sqlite3_result_int64(ctx, static_cast<sqlite3_int64>(r.kept));
+}
+
+void fn_repair(sqlite3_context* ctx, int, sqlite3_value** argv) {
+  Table* t = table_arg(ctx, argv, "zqrtree_repair");
+  if (t == nullptr || !own_transaction(ctx, t, "zqrtree_repair")) return;
+  zq::RebuildReport r;
+  if (zq::Status s = t->index.repair(&r); !s)
+    return result_error(ctx, failure(*t, "repairing: " + s.message()));
+  t->reader.drop();
+  const std::string json =
+      "{\"entries\":" + std::to_string(r.kept) + ",\"leaf_rows\":" + std::to_string(r.leaf_rows) +
+      ",\"damaged_rows\":" + std::to_string(r.damaged_rows) +
+      ",\"duplicates\":" + std::to_string(r.duplicates) +
+      ",\"unlisted\":" + std::to_string(r.unlisted) +
+      ",\"bad_boxes\":" + std::to_string(r.bad_boxes) + ",\"lost\":" + std::to_string(r.lost) + "}";
+  sqlite3_result_text(ctx, json.c_str(), static_cast<int>(json.size()), SQLITE_TRANSIENT);
 }
 
 void fn_defer(sqlite3_context* ctx, int, sqlite3_value** argv) {
@@ -233,6 +278,9 @@ int register_functions(Conn* conn) {
       {"zqrtree_apply", 1, direct, fn_apply},
       {"zqrtree_check", 1, direct, fn_check},
       {"zqrtree_stats", 1, direct, fn_stats},
+      {"zqrtree_repack", 1, direct, fn_repack},
+      {"zqrtree_repack", 2, direct, fn_repack},
+      {"zqrtree_repair", 1, direct, fn_repair},
       {"zqrtree_fault_alloc", 1, direct, fn_fault<&zq::Database::fail_alloc_nth>},
       {"zqrtree_fault_engine", 1, direct, fn_fault<&zq::Database::fail_engine_nth>},
       {Journal::kArmedFunction, 0, SQLITE_UTF8 | SQLITE_INNOCUOUS, fn_undo_armed},

@@ -57,7 +57,7 @@ void add_check(CLI::App& app, Context& ctx) {
       "check",
       "Verify an index: every leaf at the same depth, parent links, branch boxes containing "
       "their children, at most 51 entries per node, no unreachable node rows, every entry "
-      "found by an EQUAL search, and the tree matching the index's table of boxes. Exit "
+      "found by an EQUAL search, and the rowid table placing every entry where it is. Exit "
       "status 1 with the first violation.");
   set_example(cmd, "  zqrtree check city.db parks && echo sound");
   add_target(cmd, t.get());

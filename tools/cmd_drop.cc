@@ -7,7 +7,7 @@ namespace zqtool {
 void add_drop(CLI::App& app, Context& ctx) {
   auto t = std::make_shared<Target>();
   CLI::App* cmd = app.add_subcommand(
-      "drop", "Remove an index: its node table, its table of boxes and its catalog entry.");
+      "drop", "Remove an index: its node table, its rowid table and its catalog entry.");
   set_example(cmd, "  zqrtree drop city.db parks");
   add_target(cmd, t.get());
   cmd->callback([&ctx, t] {

@@ -60,6 +60,7 @@ int main(int argc, char** argv) {
   zqtool::add_stats(app, ctx);
   zqtool::add_render(app, ctx);
   zqtool::add_drop(app, ctx);
+  zqtool::add_repack(app, ctx);
   zqtool::add_list(app, ctx);
   zqtool::add_gen(app, ctx);
   zqtool::add_bench(app, ctx);

@@ -110,6 +110,7 @@ void add_check(CLI::App& app, Context& ctx);
 void add_stats(CLI::App& app, Context& ctx);
 void add_render(CLI::App& app, Context& ctx);
 void add_drop(CLI::App& app, Context& ctx);
+void add_repack(CLI::App& app, Context& ctx);  // repack and repair
 void add_list(CLI::App& app, Context& ctx);
 void add_gen(CLI::App& app, Context& ctx);
 void add_bench(CLI::App& app, Context& ctx);

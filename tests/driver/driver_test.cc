@@ -287,6 +287,77 @@ TEST_F(DriverTest, AProgramGroupsOperationsInItsOwnTransaction) {
   expect_matches_model(index, model, 8);
 }
 
+// A tree inserts left sparse is repacked with every entry; a damaged one is
+// repaired from the leaf rows that decode, and says what it left out: a row
+// that does not decode (its entries lost), a copy of a leaf no parent names
+// (a rowid twice), a stray entry the rowid table does not list.
+TEST_F(DriverTest, RepackAndRepairRebuildFromTheIndexsOwnEntries) {
+  zq::Index index = create(2);
+  const std::vector<Entry> entries = random_entries(2, 1, 2000, 31);
+  ASSERT_TRUE(index.insert(entries));
+  Model model;
+  for (const Entry& e : entries) model[e.id] = e.box;
+  zq::RebuildReport r;
+  ASSERT_TRUE(index.repack(zq::kDefaultFill, &r));
+  EXPECT_EQ(r.kept, 2000u);
+  expect_matches_model(index, model, 41);
+
+  sqlite3* db = db_->db();
+  auto one = [&](const std::string& sql) {
+    sqlite3_stmt* st = nullptr;
+    EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr), SQLITE_OK) << sql;
+    const int64_t v = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int64(st, 0) : -1;
+    sqlite3_finalize(st);
+    return v;
+  };
+  const std::string nodes = "\"MDRT$t\"";
+  const int64_t broken = one("SELECT min(rowid) FROM " + nodes + " WHERE level = 0");
+  const int64_t copied = one("SELECT max(rowid) FROM " + nodes + " WHERE level = 0");
+  const int64_t lost = one("SELECT (length(cells) - 4) / 40 FROM " + nodes +
+                           " WHERE rowid = " + std::to_string(broken));
+  const int64_t twice = one("SELECT (length(cells) - 4) / 40 FROM " + nodes +
+                            " WHERE rowid = " + std::to_string(copied));
+  ASSERT_EQ(sqlite3_exec(db,
+                         ("UPDATE " + nodes + " SET cells = x'ffffff7f' WHERE rowid = " +
+                          std::to_string(broken) + "; INSERT INTO " + nodes +
+                          " (rowid, level, parent_id, cells) SELECT 900000, 0, 1, cells FROM " +
+                          nodes + " WHERE rowid = " + std::to_string(copied))
+                             .c_str(),
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK)
+      << sqlite3_errmsg(db);
+  // A stray leaf holding rowid 999999, with the box of the copied leaf's first entry.
+  sqlite3_stmt* st = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db,
+                               ("INSERT INTO " + nodes +
+                                " (rowid, level, parent_id, cells) SELECT 900001, 0, 1, ?1 || "
+                                "substr(cells, 13, 32) FROM " +
+                                nodes + " WHERE rowid = " + std::to_string(copied))
+                                   .c_str(),
+                               -1, &st, nullptr),
+            SQLITE_OK);
+  const uint8_t head[12] = {1, 0, 0, 0, 0x3f, 0x42, 0x0f, 0, 0, 0, 0, 0};
+  sqlite3_bind_blob(st, 1, head, sizeof head, SQLITE_STATIC);
+  EXPECT_EQ(sqlite3_step(st), SQLITE_DONE);
+  sqlite3_finalize(st);
+  ASSERT_EQ(
+      sqlite3_exec(db, "UPDATE \"MDRT$t\" SET cells = CAST(cells AS BLOB) WHERE rowid = 900001",
+                   nullptr, nullptr, nullptr),
+      SQLITE_OK);
+  ASSERT_TRUE(index.repair(&r));
+  EXPECT_EQ(r.damaged_rows, 1u);
+  EXPECT_EQ(r.lost, static_cast<uint64_t>(lost));
+  EXPECT_EQ(r.duplicates, static_cast<uint64_t>(twice));
+  EXPECT_EQ(r.unlisted, 1u);
+  EXPECT_EQ(r.kept + r.lost, 2000u);
+  Model kept;
+  ASSERT_TRUE(index.entries([&](const Entry& e) { return kept.emplace(e.id, e.box).second; }));
+  EXPECT_EQ(kept.size(), r.kept);
+  for (const auto& [id, box] : kept) EXPECT_EQ(model.at(id), box) << id;
+  expect_matches_model(index, kept, 42);
+  expect_sound(index);
+}
+
 // "For each place, its 3 nearest": many searches on one handle the caller
 // keeps, each answer the model's, the queue's memory given back at the end.
 TEST_F(DriverTest, NearestSearchesOnAKeptHandle) {
