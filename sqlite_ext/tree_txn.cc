@@ -3,9 +3,11 @@
 #include "sqlite_ext/tree_txn.h"
 
 #include <algorithm>
+#include <bit>
 #include <functional>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "driver/leaf_map.h"
 #include "host/host.h"
@@ -33,6 +35,45 @@ HandleRef create_handle(const zq::Index& index, uint32_t read_mode, zq::Status* 
 }
 
 }  // namespace
+
+// ---- LastChange ----
+
+size_t LastChange::home(int64_t id) const {
+  // Rowids are often dense: a multiplicative hash spreads them.
+  return static_cast<size_t>(static_cast<uint64_t>(id) * 0x9E3779B97F4A7C15ull >>
+                             (64 - std::countr_zero(slots_.size())));
+}
+
+void LastChange::put(int64_t id, uint32_t at) {
+  if (2 * (size_ + 1) > slots_.size()) {
+    std::vector<Slot> old = std::exchange(
+        slots_, std::vector<Slot>(std::max<size_t>(64, 2 * slots_.size()), Slot{0, 0, 0}));
+    size_ = 0;
+    for (const Slot& s : old)
+      if (s.used != 0) put(s.id, s.at);
+  }
+  for (size_t i = home(id);; i = (i + 1) & (slots_.size() - 1)) {
+    Slot& s = slots_[i];
+    if (s.used == 0) {
+      s = Slot{id, at, 1};
+      ++size_;
+      return;
+    }
+    if (s.id == id) {
+      s.at = at;
+      return;
+    }
+  }
+}
+
+const uint32_t* LastChange::find(int64_t id) const {
+  if (slots_.empty()) return nullptr;
+  for (size_t i = home(id);; i = (i + 1) & (slots_.size() - 1)) {
+    const Slot& s = slots_[i];
+    if (s.used == 0) return nullptr;
+    if (s.id == id) return &s.at;
+  }
+}
 
 // ---- TreeTxn ----
 
@@ -83,7 +124,7 @@ zq::Status TreeTxn::ready() {
 
 void TreeTxn::push(bool insert, const zq::Entry& entry) {
   ops_.push_back(Op{insert, entry});
-  last_[entry.id] = ops_.size() - 1;
+  last_.put(entry.id, static_cast<uint32_t>(ops_.size() - 1));
   if (insert) top_ = std::max(top_, entry.id);
 }
 
@@ -94,15 +135,15 @@ void TreeTxn::shorten(size_t length) {
   last_.clear();
   top_ = INT64_MIN;
   for (size_t i = 0; i < ops_.size(); ++i) {
-    last_[ops_[i].entry.id] = i;
+    last_.put(ops_[i].entry.id, static_cast<uint32_t>(i));
     if (ops_[i].insert) top_ = std::max(top_, ops_[i].entry.id);
   }
 }
 
 int TreeTxn::changed(int64_t id, zq::Entry* entry) const {
-  auto it = last_.find(id);
-  if (it == last_.end()) return -1;
-  const Op& op = ops_[it->second];
+  const uint32_t* at = last_.find(id);
+  if (at == nullptr) return -1;
+  const Op& op = ops_[*at];
   if (op.insert) *entry = op.entry;
   return op.insert ? 1 : 0;
 }
@@ -198,14 +239,15 @@ zq::Status TreeTxn::rebuild() {
   auto feed = [&](const std::function<zq::Status(const zq::Entry&)>& put) {
     zq::Status inner;
     zq::Status walked = index_->entries(
-        [&](const zq::Entry& e) { return last_.count(e.id) != 0 || (inner = put(e)).is_ok(); },
+        [&](const zq::Entry& e) { return last_.find(e.id) != nullptr || (inner = put(e)).is_ok(); },
         reader.get());
     if (!walked) return walked;
     if (!inner) return inner;
-    for (const auto& [id, at] : last_)
-      if (ops_[at].insert)
-        if (zq::Status put_status = put(ops_[at].entry); !put_status) return put_status;
-    return zq::Status::ok();
+    zq::Status fed;
+    last_.each([&](int64_t, uint32_t at) {
+      if (fed && ops_[at].insert) fed = put(ops_[at].entry);
+    });
+    return fed;
   };
   s = index_->rebuild(zq::kDefaultFill, feed);
   rtr_.reset();

@@ -40,8 +40,8 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "driver/index.h"
@@ -52,6 +52,35 @@ namespace zqext {
 // scan still open when the keeper lets go (a commit, a rollback) keeps it
 // alive until the scan closes.
 using HandleRef = std::shared_ptr<rtr_mem>;
+
+// Rowid -> where its last change is in a change list: open addressing over
+// a table at most half full, 16 bytes a slot, where a node-based map takes
+// about three times that a change (a transaction may list millions).
+class LastChange {
+ public:
+  void clear() {
+    slots_.clear();
+    size_ = 0;
+  }
+  void put(int64_t id, uint32_t at);
+  // Where the last change of `id` is, or null.
+  const uint32_t* find(int64_t id) const;
+  template <class Visit>
+  void each(Visit visit) const {
+    for (const Slot& s : slots_)
+      if (s.used != 0) visit(s.id, s.at);
+  }
+
+ private:
+  struct Slot {
+    int64_t id;
+    uint32_t at;
+    uint32_t used;
+  };
+  size_t home(int64_t id) const;
+  std::vector<Slot> slots_;  // a power of two, or empty
+  size_t size_ = 0;
+};
 
 class TreeTxn {
  public:
@@ -112,8 +141,8 @@ class TreeTxn {
   bool tracking_ = false;
   size_t applied_ = 0;  // how many listed changes the node table and handle hold
   size_t written_ = 0;  // how many listed changes the node table holds
-  std::vector<Op> ops_;
-  std::unordered_map<int64_t, size_t> last_;  // rowid -> its last change in ops_
+  std::deque<Op> ops_;  // a deque: growing it never copies the whole list
+  LastChange last_;
   int64_t top_ = INT64_MIN;
   std::vector<Mark> marks_;
 };
