@@ -234,6 +234,13 @@ Status LeafMap::pairs(std::vector<std::pair<int64_t, int64_t>>* out) {
   return Status::ok();
 }
 
+Status LeafMap::bound(uint64_t* n) {
+  Stmt st(db_.db(), "SELECT count(*) FROM " + qualified(schema_, rowid_table_));
+  if (!st.ok() || st.step() != SQLITE_ROW) return sql_failure(db_.db(), "reading " + rowid_table_);
+  *n = 64 * static_cast<uint64_t>(st.int64(0));
+  return Status::ok();
+}
+
 Status LeafMap::top(int64_t* id) {
   *id = 0;
   Stmt st(db_.db(), "SELECT max(block) FROM " + qualified(schema_, rowid_table_));

@@ -71,6 +71,8 @@ class LeafMap {
   // it holds (0 when none).
   Status pairs(std::vector<std::pair<int64_t, int64_t>>* out);
   Status top(int64_t* id);
+  // At least as many as the table lists, cheaply: 64 for each block row.
+  Status bound(uint64_t* n);
   Status apply();
   void forget();
   bool has_moves() const { return !where_.empty(); }

@@ -224,9 +224,10 @@ bool TreeTxn::worth_rebuilding(zq::Status* status) const {
   constexpr size_t kFewest = 64;
   const size_t waiting = ops_.size() - written_;
   if (waiting < kFewest) return false;
+  zq::detail::LeafMap* map = index_->leaf_map();
   uint64_t entries = 0;
-  *status = index_->count(&entries);
-  return *status && waiting >= entries / 4;
+  if (map != nullptr) *status = map->bound(&entries);
+  return map != nullptr && *status && waiting >= entries / 4;
 }
 
 // The tree as the transaction found it (as far as the handle has taken the

@@ -54,7 +54,7 @@ const Config kConfigs[] = {
     {"sqlite-default", "SQLite R*Tree, default", System::kSqlite, {}},
     {"sqlite-best", "SQLite R*Tree, best", System::kSqlite, {"PRAGMA cache_size=-262144"}},
     {"zq-default", "ours, default", System::kOurs, {}},
-    {"zq-best", "ours, best", System::kOurs, {"PRAGMA journal_mode=WAL"}},
+    {"zq-best", "ours, best", System::kOurs, {"PRAGMA journal_mode=WAL", "PRAGMA cache_size=-262144"}},
 };
 
 #ifndef ZQ_BENCH_EXT_PATH
