@@ -151,6 +151,7 @@ void Database::apply(const Settings& settings) {
   if (settings.sort_mb) zqsess_set_sort_mem(session_, *settings.sort_mb * 1024 * 1024);
 }
 
+#ifdef ZQ_TEST_HOOKS
 void Database::fail_alloc_nth(uint64_t nth) {
   zqfault_fail_alloc_nth(env_, nth);
 }
@@ -159,6 +160,7 @@ void Database::fail_engine_nth(uint64_t nth) {
   constexpr int32_t kHostIoError = -2200 - SQLITE_IOERR;  // as the host reports SQLite's
   zqfault_raise_nth(env_, nth, nth == 0 ? 0 : kHostIoError, 0);
 }
+#endif
 
 Status Database::list(std::vector<std::pair<std::string, int>>* out, const std::string& schema) {
   out->clear();

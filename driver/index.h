@@ -152,6 +152,13 @@ class Database {
   Status begin();
   Status commit();
   void rollback();
+
+  zq_env* env() const { return env_; }
+  zq_session* session() const { return session_; }
+  sqlite3* db() const;
+  const std::string& path() const { return path_; }
+
+#ifdef ZQ_TEST_HOOKS
   // Test-only diagnostics (0 switches them off). The nth host allocation
   // from now fails; the library uses a few allocations untested on purpose
   // (its handle, node hash and node buffers), so a failure landing on one of
@@ -160,11 +167,7 @@ class Database {
   // The nth engine call inside a node-table mini-transaction from now fails
   // with the host's code for a SQLite I/O error.
   void fail_engine_nth(uint64_t nth);
-
-  zq_env* env() const { return env_; }
-  zq_session* session() const { return session_; }
-  sqlite3* db() const;
-  const std::string& path() const { return path_; }
+#endif
 
   // A statement prepared once per Database and kept until it closes, reset
   // and unbound; null with *rc set when SQLite refuses the text. For point

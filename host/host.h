@@ -49,7 +49,8 @@ size_t zqenv_err_format(const zq_env* env, char* buf, size_t cap);
 /* Allocations made through this env and not yet freed (blocks, heaps, pools). */
 uint64_t zqenv_live_allocs(const zq_env* env);
 
-/* ---- fault injection (all per env; 0 switches a fault off) ---- */
+#ifdef ZQ_TEST_HOOKS
+/* ---- fault injection (test builds only; all per env; 0 switches a fault off) ---- */
 
 /* The nth allocation from now (1-based) fails: mem_malloc_ex, pool and heap
  * creation, memory-object allocations, key/row/fill-info creation. */
@@ -67,6 +68,7 @@ uint64_t zqfault_raise_count(const zq_env* env);
 void zqfault_callback_nth(zq_env* env, uint32_t slot, uint64_t nth, int32_t code);
 uint64_t zqfault_callback_count(const zq_env* env, uint32_t slot);
 void zqfault_reset(zq_env* env);
+#endif
 
 /* zq_sys_halt writes its message to standard error and aborts, unless a
  * handler is set (tests set one). Returns the previous handler. */

@@ -101,7 +101,8 @@ enum HeapOrigin : uint8_t {
 inline constexpr size_t kSpareHeapInline = 2048;  // first-chunk size of reusable heaps
 inline constexpr size_t kMaxSpareHeaps = 4;
 
-// ---- fault injection settings of an env ----
+#ifdef ZQ_TEST_HOOKS
+// ---- fault injection settings of an env (test builds only) ----
 struct Faults {
   uint64_t allocs = 0;         // counted allocations since reset
   uint64_t alloc_fail_at = 0;  // the count that fails; 0 = off
@@ -115,6 +116,7 @@ struct Faults {
   uint64_t callback_at[7] = {};
   int32_t callback_code[7] = {};
 };
+#endif
 
 // One accounted allocation made outside fault injection (host bookkeeping
 // such as hash tables); freed with free_block or by zqenv_destroy.
@@ -124,13 +126,29 @@ void free_block(void* ptr);
 void heap_destroy(zq_heap* heap);
 // Frees the heap blocks the env kept for reuse.
 void free_spare_heaps(zq_env* env);
+#ifdef ZQ_TEST_HOOKS
 // Counts one allocation; true when fault injection says it must fail.
 bool alloc_fails(zq_env* env);
+// True when pools named `name` are to fail.
+bool pool_fails(zq_env* env, const char* name);
 // The raise point of every raise-capable call: counts it when `ptx` is open
 // and throws zq_raised when fault injection says so.
 void raise_point(zq_env* env, zq_ptx* ptx);
 // The code injected for this call of default callback `slot`, or 0.
 int32_t callback_fault(zq_env* env, uint32_t slot);
+#else
+// A build for users injects nothing: every fault point lets the call through.
+inline bool alloc_fails(zq_env*) {
+  return false;
+}
+inline bool pool_fails(zq_env*, const char*) {
+  return false;
+}
+inline void raise_point(zq_env*, zq_ptx*) {}
+inline int32_t callback_fault(zq_env*, uint32_t) {
+  return 0;
+}
+#endif
 // Records a SQLite failure on `env` and pushes it under `func` (level 1).
 int32_t sqlite_fail(zq_env* env, sqlite3* db, int rc, const char* func);
 // Inside a ptx a SQLite failure raises; outside it is returned.
@@ -310,7 +328,9 @@ struct zq_env {
   zqhost::Link heaps;                 // every live heap and pool
   std::vector<void*> spare_heaps;     // freed heap blocks kept for the next scratch heap
   uint64_t n_live = 0;
+#ifdef ZQ_TEST_HOOKS
   zqhost::Faults faults;
+#endif
   uint64_t insert_failed_notices = 0;
   int32_t last_insert_failed = 0;
   std::string last_sqlite_error;

@@ -3,8 +3,8 @@
 //   zqrtree_defer(table, on)            switch deferred mode; returns it
 //   zqrtree_apply(table)                move pending changes into the tree now
 //   zqrtree_check(table)                'ok' or the tree's first violation
-//   zqrtree_fault_alloc(n)              diagnostic: the nth host allocation fails
-//   zqrtree_fault_engine(n)             diagnostic: the nth node-table engine call fails
+//   zqrtree_fault_alloc(n)              test builds: the nth host allocation fails
+//   zqrtree_fault_engine(n)             test builds: the nth node-table engine call fails
 //   zqrtree_undo_armed()                internal: read by the journal's triggers
 // Each takes the connection's Conn as its user data.
 #include <string>
@@ -198,6 +198,7 @@ void fn_check(sqlite3_context* ctx, int, sqlite3_value** argv) {
 #endif
 }
 
+#ifdef ZQ_TEST_HOOKS
 // The diagnostics take n >= 0 (0 switches the fault off) and return it.
 template <void (zq::Database::*arm)(uint64_t)>
 void fn_fault(sqlite3_context* ctx, int, sqlite3_value** argv) {
@@ -208,6 +209,7 @@ void fn_fault(sqlite3_context* ctx, int, sqlite3_value** argv) {
   (conn->database().*arm)(static_cast<uint64_t>(n));
   sqlite3_result_int64(ctx, n);
 }
+#endif
 
 void fn_undo_armed(sqlite3_context* ctx, int, sqlite3_value**) {
   sqlite3_result_int(ctx, conn_of(ctx)->journal.armed() ? 1 : 0);
@@ -233,8 +235,10 @@ int register_functions(Conn* conn) {
       {"zqrtree_apply", 1, direct, fn_apply},
       {"zqrtree_check", 1, direct, fn_check},
       {"zqrtree_stats", 1, direct, fn_stats},
+#ifdef ZQ_TEST_HOOKS
       {"zqrtree_fault_alloc", 1, direct, fn_fault<&zq::Database::fail_alloc_nth>},
       {"zqrtree_fault_engine", 1, direct, fn_fault<&zq::Database::fail_engine_nth>},
+#endif
       {Journal::kArmedFunction, 0, SQLITE_UTF8 | SQLITE_INNOCUOUS, fn_undo_armed},
   };
   for (const Function& f : functions) {

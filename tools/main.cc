@@ -31,11 +31,13 @@ void add_global_options(CLI::App& app, zqtool::Context& ctx) {
   app.add_option_function<uint64_t>(
       "--sort-mb", [&ctx](uint64_t v) { ctx.opts.settings.sort_mb = v; },
       "megabytes a bulk load's sorters keep in memory together before spilling to disk");
-  // Diagnostics for tests, hidden from --help: fail the nth host allocation
-  // (ZQRTREE_FAULT_ALLOC_NTH) or the nth engine call inside a node-table
-  // mini-transaction (ZQRTREE_FAULT_ENGINE_NTH) of the operation.
+#ifdef ZQ_TEST_HOOKS
+  // Diagnostics of test builds, hidden from --help: fail the nth host
+  // allocation (ZQRTREE_FAULT_ALLOC_NTH) or the nth engine call inside a
+  // node-table mini-transaction (ZQRTREE_FAULT_ENGINE_NTH) of the operation.
   app.add_option("--fault-alloc-nth", ctx.opts.fault_alloc_nth)->group("");
   app.add_option("--fault-engine-nth", ctx.opts.fault_engine_nth)->group("");
+#endif
 }
 
 }  // namespace

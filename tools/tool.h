@@ -37,9 +37,11 @@ class UsageError : public std::runtime_error {
 
 struct Options {
   bool quiet = false;
-  zq::Settings settings;          // from the command line; the environment fills the rest
+  zq::Settings settings;  // from the command line; the environment fills the rest
+#ifdef ZQ_TEST_HOOKS
   uint64_t fault_alloc_nth = 0;   // diagnostic: fail the nth host allocation of the operation
   uint64_t fault_engine_nth = 0;  // diagnostic: fail its nth node-table engine call
+#endif
 };
 
 class Context {
@@ -51,7 +53,7 @@ class Context {
   zq::Status open_db(const std::string& path, bool create, std::unique_ptr<zq::Database>* out);
   zq::Status open_index(const std::string& path, const std::string& name,
                         std::unique_ptr<zq::Database>* db, zq::Index* index);
-  // Arms the allocation fault, if asked for, right before the operation.
+  // Arms the faults asked for, right before the operation (test builds only).
   void arm_faults(zq::Database& db) const;
   // A progress bar on standard error, or nothing when quiet or not a terminal.
   zq::Progress progress() const;
