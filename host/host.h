@@ -112,6 +112,53 @@ int32_t zqsess_create_node_table(zq_session* session, const char* schema, const 
 /* The record descriptor of a table's B-tree, so tests can set its flags. */
 zq_recdesc* zqsess_table_recdesc(zq_session* session, const char* schema, const char* table_name);
 
+/* ---- row checks ----
+ * A program may give a table a check that sees every row the host hands out
+ * for it (an exact search, a cursor's open and steps) before the caller
+ * does: rules about what a row may hold are the program's, the host knows
+ * none. A refused row fails the call that would have handed it out with
+ * ZQHOST_ERR_ROW_REFUSED, pushed under that call's name and raised inside a
+ * mini-transaction like any engine failure, so the caller's normal error
+ * path runs. Call order: zqsess_set_row_check -> (rows handed out, each
+ * checked) -> zqsess_close frees the check's context. */
+
+#define ZQHOST_ERR_ROW_REFUSED (-2116)
+
+/* One column as stored: its storage class and its value as the host read it. */
+typedef struct zq_col_view {
+  int type;             /* SQLITE_INTEGER, SQLITE_FLOAT, SQLITE_TEXT, SQLITE_BLOB or SQLITE_NULL */
+  int64_t i;            /* the value as an integer (declared integer columns) */
+  double d;             /* the value as a double (declared floating-point columns) */
+  const uint8_t* bytes; /* text and blob columns: `len` bytes, valid during the call */
+  uint32_t len;
+} zq_col_view;
+
+typedef struct zq_row_view {
+  int64_t rowid;
+  uint32_t n_cols; /* the table's declared columns, in order */
+  const zq_col_view* cols;
+  uint64_t epoch;    /* moves whenever the table's rows may have changed since the
+                        last row handed out: a write through the host, a rollback,
+                        a commit of another connection */
+  uint8_t for_write; /* handed out inside a write mini-transaction: the row is about
+                        to be changed, not read */
+} zq_row_view;
+
+/* 0 hands the row out; anything else refuses it, with a reason of at most
+ * `cap` bytes (terminator included) written to `why`. */
+typedef int (*zq_row_check_fn)(void* ctx, const zq_row_view* row, char* why, size_t cap);
+
+/* Gives `table` in `schema` the check `fn` with `ctx` (fn null: no check).
+ * The session owns ctx from then on and frees it with `free_ctx` (may be
+ * null) when the check is replaced or the session closes. */
+int32_t zqsess_set_row_check(zq_session* session, const char* schema, const char* table,
+                             zq_row_check_fn fn, void* ctx, void (*free_ctx)(void*));
+/* The context of the table's check when its function is `fn`, else null. */
+void* zqsess_row_check_ctx(zq_session* session, const char* schema, const char* table,
+                           zq_row_check_fn fn);
+/* The reason of the last refusal of a row check on `env` ("" if none). */
+const char* zqhost_last_refusal(const zq_env* env);
+
 /* ---- default row callbacks (install with rtr_hook_init) ---- */
 
 uint16_t zqhost_get_row_tag(const zq_recdesc* desc);

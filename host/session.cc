@@ -145,6 +145,7 @@ void zqsess_close(zq_session* s) {
   zqhost::tmptab_free_all(s);
   s->tables.clear();
   s->retired.clear();
+  s->row_checks.clear();
   for (auto& [name, scope] : s->scopes) finalize_scope(scope.get());
   sqlite3_finalize(s->sp_begin);
   sqlite3_finalize(s->sp_release);
