@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -181,6 +182,15 @@ const Damage kDamages[] = {
        return int64_t{RTR_ROOT_ID};
      },
      "does not contain"},
+    {"NanInBranchBox",
+     [](CheckTest& t) {
+       std::vector<uint8_t> b = t.blob(RTR_ROOT_ID);
+       const double nan = std::numeric_limits<double>::quiet_NaN();
+       std::memcpy(b.data() + kMax0, &nan, 8);
+       t.set_blob(RTR_ROOT_ID, b);
+       return int64_t{RTR_ROOT_ID};
+     },
+     "NaN"},
     {"SubtreeCutOff",
      [](CheckTest& t) {
        std::vector<uint8_t> b = t.blob(RTR_ROOT_ID);
