@@ -210,6 +210,9 @@ Status engine_failure(const Database& db, int32_t code, std::string_view what) {
     msg += "; error stack, innermost first:\n" + trace;
     while (!msg.empty() && msg.back() == '\n') msg.pop_back();
   }
+  // A row the node guard refused: what is damaged, and what to do, first.
+  if (const char* why = zqhost_last_refusal(db.env()); code == ZQHOST_ERR_ROW_REFUSED && *why)
+    msg = std::string(why) + "; run `zqrtree check`, then `zqrtree repair`\n" + msg;
   return Status::engine(code, msg);
 }
 

@@ -6,6 +6,7 @@
 #define ZQ_TESTS_COMMON_TOOL_RUN_H
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,20 +72,28 @@ inline pid_t spawn_tool(const std::vector<std::string>& args, const std::string&
 }
 
 // Waits for the child; its exit status, or 128 + the signal that ended it.
-inline int reap(pid_t pid) {
+// With a limit in seconds, a child still running then is killed (a hang
+// shows as 128 + SIGKILL).
+inline int reap(pid_t pid, int limit_s = 0) {
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  for (int waited_ms = 0;; waited_ms += 10) {
+    const pid_t r = waitpid(pid, &status, limit_s > 0 ? WNOHANG : 0);
+    if (r == pid) break;
+    if (r < 0 && errno != EINTR) return -1;
+    if (limit_s > 0 && waited_ms >= limit_s * 1000) kill(pid, SIGKILL);
+    if (limit_s > 0) usleep(10000);
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Runs the tool to the end; `input` becomes its standard input. Scratch
-// files go to `dir`.
+// Runs the tool to the end (killed after `limit_s` seconds, if given);
+// `input` becomes its standard input. Scratch files go to `dir`.
 inline Outcome run_tool(const TempDir& dir, const std::vector<std::string>& args,
-                        const std::string& input = "", const std::vector<std::string>& env = {}) {
+                        const std::string& input = "", const std::vector<std::string>& env = {},
+                        int limit_s = 0) {
   const std::string in = dir.file("stdin"), out = dir.file("stdout"), err = dir.file("stderr");
   std::ofstream(in) << input;
-  const int status = reap(spawn_tool(args, in, out, err, env));
+  const int status = reap(spawn_tool(args, in, out, err, env), limit_s);
   return Outcome{status, slurp(out), slurp(err)};
 }
 

@@ -7,6 +7,7 @@
 // database changes — inside an open transaction too.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -188,6 +189,87 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
   EXPECT_FALSE(std::filesystem::exists(no_db_)) << "a missing database was created";
   EXPECT_EQ(zqtest::slurp(junk_db_), junk);
   EXPECT_EQ(tool({"check", db_, "t"}).status, 0);
+}
+
+// A 2-D cells blob as an SQL literal: one entry per id, each spanning [0, 10]
+// on both axes.
+std::string cells(const std::vector<int64_t>& ids) {
+  std::string bytes(4, '\0');
+  const uint32_t n = static_cast<uint32_t>(ids.size());
+  std::memcpy(bytes.data(), &n, 4);
+  for (int64_t id : ids) {
+    bytes.append(reinterpret_cast<const char*>(&id), 8);
+    for (double v : {0.0, 0.0, 10.0, 10.0}) bytes.append(reinterpret_cast<const char*>(&v), 8);
+  }
+  constexpr const char* kDigits = "0123456789ABCDEF";
+  std::string hex = "X'";
+  for (unsigned char c : bytes) {
+    hex += kDigits[c >> 4];
+    hex += kDigits[c & 15];
+  }
+  return hex + "'";
+}
+
+// Node rows damaged behind the tool's back. Every operation that reads one
+// fails at once, never hangs or crashes, says which node of which index is
+// damaged and what to do, prints the error stack, and changes nothing.
+TEST_F(HostileTest, DamagedNodeRowsFailAtOnceAndChangeNothing) {
+  std::string csv;
+  for (int id = 1; id <= 120; ++id) csv += std::to_string(id) + ",1,1,2,2\n";
+  const std::string input = write("boxes.csv", csv);
+  const auto node = [](int64_t id, int level, int64_t parent, const std::string& blob) {
+    return "INSERT INTO \"MDRT$t\" (rowid, level, parent_id, cells) VALUES (" + std::to_string(id) +
+           ", " + std::to_string(level) + ", " + std::to_string(parent) + ", " + blob + ");";
+  };
+  const struct {
+    std::string damage;
+    const char* says;
+  } cases[] = {
+      {"UPDATE \"MDRT$t\" SET cells = CAST(X'FFFFFF7F' || zeroblob(24) AS BLOB) WHERE rowid = 1",
+       "node 1 of index 't' is damaged: entry count 2147483647 in a 28-byte blob exceeds 51"},
+      {"UPDATE \"MDRT$t\" SET cells = 'abc' WHERE rowid = 1",
+       "node 1 of index 't' is damaged: cells column holds text, not a blob"},
+      {"UPDATE \"MDRT$t\" SET cells = CAST(substr(cells, 1, 12) || X'000000000000F87F' || "
+       "substr(cells, 21) AS BLOB) WHERE rowid = 1",
+       "node 1 of index 't' is damaged: entry 0 has a NaN coordinate"},
+      {"UPDATE \"MDRT$t\" SET level = 300 WHERE rowid = 1",
+       "node 1 of index 't' is damaged: level 300 is out of range (0 to 40)"},
+      // A leaf that is its own parent: an insert's walk up the parents
+      // would go round for ever.
+      {"DELETE FROM \"MDRT$t\";" + node(1, 1, 0, cells({2})) + node(2, 0, 2, cells({2, 7})),
+       "node 2 of index 't' is damaged: parent_id is 2 but node 1 holds its entry"},
+      // Branches holding each other under a tall root: a search would walk
+      // 2^40 paths.
+      {"DELETE FROM \"MDRT$t\";" + node(1, 40, 0, cells({2, 3})) + node(2, 39, 1, cells({3, 4})) +
+           node(3, 39, 1, cells({2, 4})) + node(4, 39, 1, cells({2, 3})),
+       "node 2 of index 't' is damaged: entry 0 names node 3, which node 1 holds"},
+  };
+  const std::vector<std::vector<std::string>> ops = {{"query", db_, "t", "0,0,10,10"},
+                                                     {"insert", db_, "t", "500", "1,1,2,2"},
+                                                     {"delete", db_, "t", "7"}};
+  for (const auto& c : cases) {
+    std::filesystem::remove(db_);
+    ASSERT_EQ(zqtest::run_tool(dir_, {"create", db_, "t"}).status, 0);
+    ASSERT_EQ(zqtest::run_tool(dir_, {"load", db_, "t", input}).status, 0);
+    zqext_test::Db(db_).exec(c.damage);
+    const std::string before = dump_database(db_);
+    for (const auto& op : ops) {
+      const Outcome r = zqtest::run_tool(dir_, op, "", {}, 20);
+      EXPECT_EQ(r.status, 1) << op[0] << " on " << c.says << ": " << r.err;
+      for (const char* part :
+           {c.says, "; run `zqrtree check`, then `zqrtree repair`", "error stack, innermost first"})
+        EXPECT_NE(r.err.find(part), std::string::npos) << op[0] << ": " << r.err;
+      EXPECT_EQ(dump_database(db_), before) << op[0] << " on " << c.says;
+    }
+  }
+  // The extension reads through the same guard.
+  zqext_test::Db db(dir_.file("e.db"));
+  db.exec("CREATE VIRTUAL TABLE v USING zqrtree(id, lo0, hi0, lo1, hi1)");
+  db.exec("INSERT INTO v VALUES (1, 0, 1, 0, 1)");
+  db.exec("UPDATE \"MDRT$v\" SET cells = 'abc' WHERE rowid = 1");
+  EXPECT_NE(db.try_exec("SELECT id FROM v WHERE hi0 >= 0 AND lo0 <= 1")
+                .find("node 1 of index 'v' is damaged: cells column holds text"),
+            std::string::npos);
 }
 
 // The ends of the rowid range are ordinary rowids, in both ways in.
