@@ -118,8 +118,10 @@ struct Settings {
   std::optional<uint32_t> buf_total_mb;   // node buffer of all handles together
   std::optional<uint32_t> buf_handle_mb;  // node buffer of one handle
   std::optional<uint64_t> sort_mb;        // sorter memory before it spills to disk
-  // ZQRTREE_BUF_TOTAL_MB, ZQRTREE_BUF_HANDLE_MB, ZQRTREE_SORT_MB; a value
-  // that is not a whole number is a kInvalid status naming the variable.
+  std::optional<double> busy_timeout_s;   // wait for another process's lock (default 5)
+  // ZQRTREE_BUF_TOTAL_MB, ZQRTREE_BUF_HANDLE_MB, ZQRTREE_SORT_MB,
+  // ZQRTREE_BUSY_TIMEOUT; a value that is not a number of the right kind is a
+  // kInvalid status naming the variable.
   static Status from_environment(Settings* out);
   // Fields set in `over` replace those here.
   void merge(const Settings& over);

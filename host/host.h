@@ -46,6 +46,9 @@ void zqenv_err_clear(zq_env* env);
  * returns the length it needed, writes at most cap bytes with terminator. */
 size_t zqenv_err_format(const zq_env* env, char* buf, size_t cap);
 
+/* The SQLite result code (extended) of the last SQLite failure on env, 0 if none. */
+int zqhost_last_sqlite_code(const zq_env* env);
+
 /* Allocations made through this env and not yet freed (blocks, heaps, pools). */
 uint64_t zqenv_live_allocs(const zq_env* env);
 
@@ -93,6 +96,9 @@ zq_scope* zqsess_scope(zq_session* session, const char* schema);
 /* User-level transactions. A rollback also drops the host's cached state
  * (rowid counters, dictionary objects) so nothing stale survives it. */
 int32_t zqsess_begin(zq_session* session);
+/* The same for work that will write: takes the write lock at once, waiting
+ * for another writer up to the connection's busy timeout. */
+int32_t zqsess_begin_write(zq_session* session);
 int32_t zqsess_commit(zq_session* session);
 int32_t zqsess_rollback(zq_session* session);
 

@@ -365,6 +365,7 @@ struct zq_env {
   uint64_t insert_failed_notices = 0;
   int32_t last_insert_failed = 0;
   std::string last_sqlite_error;
+  int last_sqlite_rc = 0;    // its SQLite result code, extended
   std::string last_refusal;  // the reason a row check gave for its last refusal
 };
 

@@ -103,6 +103,13 @@ void add_drop(CLI::App& app, Context& ctx);
 void add_list(CLI::App& app, Context& ctx);
 void add_gen(CLI::App& app, Context& ctx);
 void add_bench(CLI::App& app, Context& ctx);
+// `version` and --version.
+void add_version(CLI::App& app, Context& ctx);
+
+// For a command line whose first word names no subcommand: "unknown command
+// 'qurey'; did you mean 'query'?" (or the list of commands when none is
+// near); "" when the first word is a subcommand or there is none.
+std::string unknown_command(const CLI::App& app, int argc, char** argv);
 
 }  // namespace zqtool
 

@@ -51,16 +51,18 @@ inline std::string tool_path() {
 }
 
 // Starts the tool with `args`, its standard streams on the files `in`, `out`
-// and `err`, with `env` ("NAME=value") added to its environment.
+// and `err`, with `env` ("NAME=value") added to its environment; as user and
+// group `uid` when one is given (the test then runs as root).
 inline pid_t spawn_tool(const std::vector<std::string>& args, const std::string& in,
                         const std::string& out, const std::string& err,
-                        const std::vector<std::string>& env = {}) {
+                        const std::vector<std::string>& env = {}, uid_t uid = 0) {
   const std::string tool = tool_path();
   const pid_t pid = fork();
   if (pid == 0) {
     dup2(open(in.c_str(), O_RDONLY), 0);
     dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
     dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+    if (uid != 0 && (setgid(uid) != 0 || setuid(uid) != 0)) _exit(126);
     for (const std::string& e : env) putenv(const_cast<char*>(e.c_str()));
     std::vector<char*> argv{const_cast<char*>(tool.c_str())};
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -90,10 +92,10 @@ inline int reap(pid_t pid, int limit_s = 0) {
 // `input` becomes its standard input. Scratch files go to `dir`.
 inline Outcome run_tool(const TempDir& dir, const std::vector<std::string>& args,
                         const std::string& input = "", const std::vector<std::string>& env = {},
-                        int limit_s = 0) {
+                        int limit_s = 0, uid_t uid = 0) {
   const std::string in = dir.file("stdin"), out = dir.file("stdout"), err = dir.file("stderr");
   std::ofstream(in) << input;
-  const int status = reap(spawn_tool(args, in, out, err, env), limit_s);
+  const int status = reap(spawn_tool(args, in, out, err, env, uid), limit_s);
   return Outcome{status, slurp(out), slurp(err)};
 }
 

@@ -32,14 +32,22 @@ class HostileTest : public ::testing::Test {
     return path;
   }
 
-  // Placeholders: {db}, {nodb} (absent), {junkdb} (not a database), {file}
-  // (the case's input file), {long} (an over-long name).
+  // Placeholders: {db}, {nodb} (absent), {junkdb} (not a database), {rodb}
+  // (in the read-only directory {rodir}), {lockeddb} (another process holds
+  // its write lock), {file} (the case's input file), {long} (an over-long
+  // name), {versions} (the library's and SQLite's).
   std::string fill(std::string s, const std::string& file) const {
-    const std::pair<std::string, std::string> subst[] = {{"{junkdb}", junk_db_},
-                                                         {"{nodb}", no_db_},
-                                                         {"{db}", db_},
-                                                         {"{file}", file},
-                                                         {"{long}", kLong}};
+    const std::pair<std::string, std::string> subst[] = {
+        {"{junkdb}", junk_db_},
+        {"{nodb}", no_db_},
+        {"{rodb}", ro_db_},
+        {"{rodir}", ro_dir_},
+        {"{lockeddb}", locked_db_},
+        {"{db}", db_},
+        {"{file}", file},
+        {"{long}", kLong},
+        {"{versions}",
+         std::string("libzqrtree ") + ZQ_VERSION + ", SQLite " + sqlite3_libversion()}};
     for (const auto& [from, to] : subst)
       for (size_t p; (p = s.find(from)) != std::string::npos;) s.replace(p, from.size(), to);
     return s;
@@ -49,6 +57,9 @@ class HostileTest : public ::testing::Test {
   const std::string db_ = dir_.file("h.db");
   const std::string no_db_ = dir_.file("absent.db");
   const std::string junk_db_ = dir_.file("junk.db");
+  const std::string ro_dir_ = dir_.file("ro");
+  const std::string ro_db_ = ro_dir_ + "/r.db";
+  const std::string locked_db_ = dir_.file("locked.db");
 };
 
 struct ToolCase {
@@ -77,6 +88,27 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
   const std::string junk(junk_bytes, sizeof junk_bytes - 1);
   write("junk.db", junk);
   const std::string cut = "{\"features\": [{\"id\": 5, \"bbox\": [0, 0, 1, 1]}";
+  // A database whose directory is read-only to the user (root is not held
+  // back by permissions, so as root the tool runs as nobody there), and one
+  // whose write lock another connection holds.
+  for (const std::string& db : {ro_db_, locked_db_}) {
+    std::filesystem::create_directories(std::filesystem::path(db).parent_path());
+    ASSERT_EQ(tool({"create", db, "t"}).status, 0);
+  }
+  using std::filesystem::perms;
+  const uid_t nobody = geteuid() == 0 ? 65534 : 0;
+  std::filesystem::permissions(dir_.file(""), perms::others_exec,
+                               std::filesystem::perm_options::add);
+  // A reading connection leaves the WAL files behind; they must not be there
+  // for the tool to use.
+  const std::string ro_before = dump_database(ro_db_);
+  for (const char* suffix : {"-wal", "-shm"}) std::filesystem::remove(ro_db_ + suffix);
+  std::filesystem::permissions(
+      ro_db_, perms::owner_read | perms::owner_write | perms::others_read | perms::others_write);
+  std::filesystem::permissions(
+      ro_dir_, perms::owner_read | perms::owner_exec | perms::others_read | perms::others_exec);
+  zqext_test::Db locker(locked_db_);
+  locker.exec("BEGIN IMMEDIATE");
 
   const ToolCase cases[] = {
       // Coordinates that are not finite, or out of order, as arguments and in files.
@@ -141,9 +173,18 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
       {"check {db} u", 1, "its table \"MDRT$u\" is missing"},
       {"query {junkdb} t 0,0,1,1", 1,
        "opening database '{junkdb}' failed (code -2226: file is not a database)"},
+      // The file and the tool itself.
+      {"insert {rodb} t 5 0,0,1,1", 1,
+       "the journal of '{rodb}' cannot be created: its directory '{rodir}' is read-only"},
+      {"insert {lockeddb} t 5 0,0,1,1 --busy-timeout 0.5", 1,
+       "database '{lockeddb}' is locked by another process; waited for it as long as "
+       "--busy-timeout allows"},
+      {"--version", 0, "({versions})"},
+      {"version", 0, "({versions})"},
       // Usage.
       {"query {db} t --op overlap 0,0,1,1", 2, "unknown operator 'overlap'"},
-      {"frobnicate", 2, ""},
+      {"qurey {db} t 0,0,1,1", 2, "unknown command 'qurey'; did you mean 'query'?"},
+      {"frobnicate", 2, "unknown command 'frobnicate'; the commands are create, load,"},
       {"create {db}", 2, "INDEX is required"},
       {"create {db} w --dims 4", 2, ""},
       {"insert {db} t 2 0,0,1,1 --file x.csv", 2, "either ID and BOX or --file"},
@@ -177,11 +218,23 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
     std::vector<std::string> args;
     std::istringstream words(c.args);
     for (std::string w; words >> w;) args.push_back(fill(w, file));
-    const Outcome r = tool(args);
+    const bool ro = std::string(c.args).find("{rodb}") != std::string::npos;
+    const Outcome r = zqtest::run_tool(dir_, args, "", {}, 0, ro ? nobody : 0);
     EXPECT_EQ(r.status, c.status) << c.args << " " << c.file << ": " << r.err;
-    EXPECT_NE(r.err.find(fill(c.message, file)), std::string::npos) << c.args << ": " << r.err;
+    EXPECT_NE((r.err + r.out).find(fill(c.message, file)), std::string::npos)
+        << c.args << ": " << r.err;
     EXPECT_EQ(dump_database(db_), before) << c.args << " " << c.file;
   }
+  EXPECT_EQ(dump_database(ro_db_), ro_before);
+  std::filesystem::permissions(ro_dir_, perms::owner_all, std::filesystem::perm_options::add);
+  // A lock let go within the busy timeout is waited for.
+  const std::string in = dir_.file("stdin"), out = dir_.file("stdout"), err = dir_.file("stderr");
+  std::ofstream(in) << "";
+  const pid_t waiting = zqtest::spawn_tool({"insert", locked_db_, "t", "5", "0,0,1,1"}, in, out,
+                                           err, {"ZQRTREE_BUSY_TIMEOUT=20"});
+  usleep(300000);
+  locker.exec("COMMIT");
+  EXPECT_EQ(zqtest::reap(waiting), 0) << zqtest::slurp(err);
   const Outcome bad_env =
       zqtest::run_tool(dir_, {"query", db_, "t", "0,0,1,1"}, "", {"ZQRTREE_SORT_MB=lots"});
   EXPECT_EQ(bad_env.status, 1);
