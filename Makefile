@@ -51,10 +51,12 @@ test-tsan: deps
 	  $(TSAN_BUILD)/tests/test_concurrency
 
 # libFuzzer targets built with clang; each runs FUZZ_SECONDS on a copy of
-# its corpus in the repository (new finds stay in $(FUZZ_BUILD)/corpus).
+# its corpus in the repository (new finds stay in $(FUZZ_BUILD)/corpus). An
+# input that runs longer than FUZZ_TIMEOUT seconds is a finding (a hang).
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 20
-FUZZ_TARGETS = node_decode check_rows csv geojson
+FUZZ_TIMEOUT ?= 10
+FUZZ_TARGETS = node_decode check_rows csv geojson tree_ops
 fuzz:
 	scripts/install-deps.sh fuzz
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -63,7 +65,7 @@ fuzz:
 	@for t in $(FUZZ_TARGETS); do \
 	  log=$(FUZZ_BUILD)/fuzz_$$t.log; \
 	  mkdir -p $(FUZZ_BUILD)/corpus/$$t && cp fuzz/corpus/$$t/* $(FUZZ_BUILD)/corpus/$$t/ || exit 1; \
-	  $(FUZZ_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	  $(FUZZ_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -timeout=$(FUZZ_TIMEOUT) -print_final_stats=1 \
 	    -max_len=8192 -artifact_prefix=$(FUZZ_BUILD)/ $(FUZZ_BUILD)/corpus/$$t >$$log 2>&1; rc=$$?; \
 	  echo "fuzz_$$t: $(FUZZ_SECONDS) s, $$(grep -h number_of_executed_units $$log | tr -s ' ' | cut -d' ' -f2) executions"; \
 	  if [ $$rc -ne 0 ]; then tail -60 $$log; exit 1; fi; \
