@@ -7,11 +7,11 @@
 //
 // Two kinds of rules:
 //   - what a row keeps by itself (check/node_row.h), plus, for a branch, that
-//     no entry names the root, the node itself or a node named before;
+//     no entry names the root or the node itself;
 //   - what the rows read since the table last changed must agree on: a node
-//     is held by one branch only, its parent_id names that branch, and its
-//     level is one below the branch's and below the root's. Rows read to be
-//     overwritten (inside a write mini-transaction) are left out: they may
+//     is held by one branch entry only, its parent_id names that branch, and
+//     its level is one below the branch's and below the root's. Rows read to
+//     be overwritten (inside a write mini-transaction) are left out: they may
 //     be older than the copies the library holds.
 // The second kind is what bounds every traversal: among the rows a handle
 // reads, holders form a tree under the root with levels falling by one, so
