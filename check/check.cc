@@ -100,6 +100,10 @@ class Walker {
     auto root = table_.pos.find(RTR_ROOT_ID);
     if (root == table_.pos.end()) return violation(RTR_ROOT_ID, "the root row (node 1) is missing");
     Row& r = table_.rows[root->second];
+    // A walk up the parents ends at the root only when its parent_id is 0.
+    if (r.parent != 0)
+      return violation(RTR_ROOT_ID,
+                       "the root's parent_id is " + std::to_string(r.parent) + ", not 0");
     stats_->height = r.level + 1;
     stats_->nodes_per_level.assign(r.level + 1, 0);
     stats_->cells_per_level.assign(r.level + 1, 0);

@@ -6,13 +6,15 @@
 // with the host's refusal code, and the reason names the index and the node.
 //
 // Two kinds of rules:
-//   - what a row keeps by itself (check/node_row.h), plus, for a branch, that
-//     no entry names the root or the node itself;
+//   - what a row keeps by itself (check/node_row.h), plus that its parent_id
+//     is not its own id (and 0 for the root) and, for a branch, that no entry
+//     names the root or the node itself;
 //   - what the rows read since the table last changed must agree on: a node
-//     is held by one branch entry only, its parent_id names that branch, and
-//     its level is one below the branch's and below the root's. Rows read to
-//     be overwritten (inside a write mini-transaction) are left out: they may
-//     be older than the copies the library holds.
+//     is held by one branch entry only, its parent_id names that branch (a
+//     parent read before must hold it), and its level is one below the
+//     branch's and below the root's. Rows read to be overwritten (inside a
+//     write mini-transaction) are left out: they may be older than the
+//     copies the library holds.
 // The second kind is what bounds every traversal: among the rows a handle
 // reads, holders form a tree under the root with levels falling by one, so
 // neither a cursor's descent nor a walk up the parent links can meet a node
@@ -81,20 +83,31 @@ class NodeTable {
   }
   // The facts of `id`, new and empty when it was not met yet.
   NodeFacts* slot(int64_t id) {
-    const size_t mask = slots_.size() - 1;
-    uint64_t h = static_cast<uint64_t>(id) * 0x9E3779B97F4A7C15ull;
-    for (size_t i = (h ^ (h >> 29)) & mask;; i = (i + 1) & mask) {
-      NodeFacts& f = slots_[i];
-      if (f.generation != generation_) {
-        f = NodeFacts{id, generation_, 0, 0, 0, 0, 0, false, false};
-        ++size_;
-        return &f;
-      }
-      if (f.id == id) return &f;
+    NodeFacts* f = probe(id);
+    if (f->generation != generation_) {
+      *f = NodeFacts{id, generation_, 0, 0, 0, 0, 0, false, false};
+      ++size_;
     }
+    return f;
+  }
+  // The facts of `id`, or null when it was not met yet.
+  const NodeFacts* find(int64_t id) {
+    if (slots_.empty()) return nullptr;
+    const NodeFacts* f = probe(id);
+    return f->generation == generation_ ? f : nullptr;
   }
 
  private:
+  // The slot of `id`, or the empty one where it would go.
+  NodeFacts* probe(int64_t id) {
+    const size_t mask = slots_.size() - 1;
+    const uint64_t h = static_cast<uint64_t>(id) * 0x9E3779B97F4A7C15ull;
+    for (size_t i = (h ^ (h >> 29)) & mask;; i = (i + 1) & mask) {
+      NodeFacts& f = slots_[i];
+      if (f.generation != generation_ || f.id == id) return &f;
+    }
+  }
+
   std::vector<NodeFacts> slots_;
   size_t size_ = 0;
   uint64_t generation_ = 1;
@@ -119,6 +132,11 @@ class NodeGuard {
       const uint32_t axes = dims_ == 3 && cells.len == 4 + n * 40 ? 2 : dims_;
       if (std::string p = collect_children(row.rowid, cells.bytes, n, axes); !p.empty()) return p;
     }
+    // A walk up the parents from a node that names itself would not end.
+    const int64_t parent = row.cols[kParentCol].i;
+    if (row.rowid == RTR_ROOT_ID && parent != 0)
+      return "the root's parent_id is " + std::to_string(parent) + ", not 0";
+    if (parent == row.rowid) return "parent_id names the node itself";
     if (row.for_write) return {};
     std::string p =
         agrees(row.rowid, static_cast<uint32_t>(level.i), row.cols[kParentCol].i, row.epoch);
@@ -165,6 +183,10 @@ class NodeGuard {
     if (self->held && level + 1 != self->holder_level)
       return "level " + std::to_string(level) + " under node " + std::to_string(self->holder) +
              " of level " + std::to_string(self->holder_level);
+    // Reached up from below, a parent read before must hold the node too.
+    if (const NodeFacts* above = nodes_.find(parent);
+        id != RTR_ROOT_ID && above != nullptr && above->read && !self->held)
+      return "parent_id names node " + std::to_string(parent) + ", which does not hold it";
     self->read = true;
     self->level = level;
     self->parent = parent;

@@ -124,6 +124,12 @@ const Damage kDamages[] = {
        return t.on_leaf("UPDATE \"MDRT$t\" SET parent_id = parent_id + 1000 WHERE rowid = {leaf}");
      },
      "parent_id"},
+    {"RootWithAParent",
+     [](CheckTest& t) {
+       t.exec("UPDATE \"MDRT$t\" SET parent_id = 7 WHERE rowid = 1");
+       return int64_t{RTR_ROOT_ID};
+     },
+     "the root's parent_id is 7"},
     {"LevelMismatch",
      [](CheckTest& t) { return t.on_leaf("UPDATE \"MDRT$t\" SET level = 1 WHERE rowid = {leaf}"); },
      "level"},

@@ -287,10 +287,12 @@ TEST_F(HostileTest, DamagedNodeRowsFailAtOnceAndChangeNothing) {
        "node 1 of index 't' is damaged: entry 0 has a NaN coordinate"},
       {"UPDATE \"MDRT$t\" SET level = 300 WHERE rowid = 1",
        "node 1 of index 't' is damaged: level 300 is out of range (0 to 40)"},
-      // A leaf that is its own parent: an insert's walk up the parents
-      // would go round for ever.
+      // A leaf that is its own parent, under the root and as the root: an
+      // insert's walk up the parents would go round for ever.
       {"DELETE FROM \"MDRT$t\";" + node(1, 1, 0, cells({2})) + node(2, 0, 2, cells({2, 7})),
-       "node 2 of index 't' is damaged: parent_id is 2 but node 1 holds its entry"},
+       "node 2 of index 't' is damaged: parent_id names the node itself"},
+      {"DELETE FROM \"MDRT$t\";" + node(1, 0, 1, cells({1, 7})),
+       "node 1 of index 't' is damaged: the root's parent_id is 1, not 0"},
       // Branches holding each other under a tall root: a search would walk
       // 2^40 paths.
       {"DELETE FROM \"MDRT$t\";" + node(1, 40, 0, cells({2, 3})) + node(2, 39, 1, cells({3, 4})) +
