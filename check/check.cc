@@ -13,16 +13,13 @@
 #include <memory>
 #include <unordered_map>
 
+#include "check/node_row.h"
 #include "host/host.h"
 #include "zqrtree/cursor.h"
 #include "zqrtree/phy.h"
 
 namespace zqcheck {
 namespace {
-
-// The cursor holds one search point per level plus a result point; a root
-// above this level could not be searched.
-constexpr int64_t kMaxLevel = RCUR_STACK_SIZE - 1;
 
 struct Row {
   int64_t id;                   // rowid = node id
@@ -50,43 +47,21 @@ std::string quoted(const char* name) {
   return out + "\"";
 }
 
-// Length check before decoding: the library's decoder trusts the row, the
-// checker must not.
-std::string blob_problem(uint16_t d, const void* blob, int len, uint32_t* count) {
-  if (blob == nullptr && len != 0) return "cells blob is not readable";
-  if (len < 4) return "cells blob of " + std::to_string(len) + " bytes has no entry count";
-  std::memcpy(count, blob, sizeof(*count));
-  if (*count > RTR_MAX_CELLS) {
-    return "entry count " + std::to_string(*count) + " exceeds " + std::to_string(RTR_MAX_CELLS);
-  }
-  uint64_t entry = (2ull * d + 1) * 8;
-  uint64_t want = 4 + *count * entry;
-  // A 3-D index also reads rows written with 2-D entries.
-  bool as_2d = d == 3 && static_cast<uint64_t>(len) == 4 + *count * 40ull;
-  if (static_cast<uint64_t>(len) != want && !as_2d) {
-    return "cells blob of " + std::to_string(len) + " bytes, expected " + std::to_string(want) +
-           " for " + std::to_string(*count) + " entries";
-  }
-  return {};
-}
-
 std::string decode_row(sqlite3_stmt* st, uint16_t d, Row* row) {
-  if (sqlite3_column_type(st, 1) != SQLITE_INTEGER) return "level is not an integer";
-  if (sqlite3_column_type(st, 2) != SQLITE_INTEGER) return "parent_id is not an integer";
-  int64_t level = sqlite3_column_int64(st, 1);
-  if (level < 0 || level > kMaxLevel) return "level " + std::to_string(level) + " is out of range";
-  row->level = static_cast<uint32_t>(level);
-  row->parent = sqlite3_column_int64(st, 2);
-  if (sqlite3_column_type(st, 3) != SQLITE_BLOB) return "cells column is not a blob";
-  const void* blob = sqlite3_column_blob(st, 3);
-  int len = sqlite3_column_bytes(st, 3);
-  uint32_t count = 0;
-  std::string problem = blob_problem(d, blob, len, &count);
+  const NodeRowImage image{sqlite3_column_type(st, 1),
+                           sqlite3_column_int64(st, 1),
+                           sqlite3_column_type(st, 2),
+                           sqlite3_column_type(st, 3),
+                           static_cast<const uint8_t*>(sqlite3_column_blob(st, 3)),
+                           static_cast<size_t>(sqlite3_column_bytes(st, 3))};
+  std::string problem = node_row_problem(image, d, nullptr);
   if (!problem.empty()) return problem;
+  row->level = static_cast<uint32_t>(image.level);
+  row->parent = sqlite3_column_int64(st, 2);
   // Decoded by the library's own record format into a zeroed node, so unused
   // coordinate slots read 0 as the engine side writes them.
   auto node = std::make_unique<rtr_node>();
-  rtr_cells_unpack(d, node.get(), static_cast<const uint8_t*>(blob), static_cast<uint32_t>(len));
+  rtr_cells_unpack(d, node.get(), image.cells, static_cast<uint32_t>(image.cells_len));
   row->cells.assign(node->cells, node->cells + node->n_cells);
   return {};
 }
@@ -125,6 +100,10 @@ class Walker {
     auto root = table_.pos.find(RTR_ROOT_ID);
     if (root == table_.pos.end()) return violation(RTR_ROOT_ID, "the root row (node 1) is missing");
     Row& r = table_.rows[root->second];
+    // A walk up the parents ends at the root only when its parent_id is 0.
+    if (r.parent != 0)
+      return violation(RTR_ROOT_ID,
+                       "the root's parent_id is " + std::to_string(r.parent) + ", not 0");
     stats_->height = r.level + 1;
     stats_->nodes_per_level.assign(r.level + 1, 0);
     stats_->cells_per_level.assign(r.level + 1, 0);

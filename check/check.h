@@ -5,14 +5,14 @@
 // never goes through a handle's node cache, so it sees exactly what was
 // written. Rules checked, in this order:
 //   1. every row decodes: level and parent are integers, the cells blob is
-//      4 + n*E bytes (E = (2d + 1) * 8; a 3-D index also reads 2-D rows) and
-//      n is at most 51;
+//      4 + n*E bytes (E = (2d + 1) * 8; a 3-D index also reads 2-D rows),
+//      n is at most 51 and no coordinate is NaN (check/node_row.h);
 //   2. the root row (node 1) exists;
-//   3. walking from the root, depth first in cell order: each child's level
-//      is its parent's minus one (so every leaf is at the same depth), its
-//      parent_id names the node holding its entry (the root's parent is not
-//      checked), every branch box contains all of its child's entries, only
-//      the root may be empty, and no node is reached twice;
+//   3. walking from the root, depth first in cell order: the root's
+//      parent_id is 0, each child's level is its parent's minus one (so every
+//      leaf is at the same depth), its parent_id names the node holding its
+//      entry, every branch box contains all of its child's entries, only the
+//      root may be empty, and no node is reached twice;
 //   4. the table holds no row the walk did not reach.
 // The first violation is reported with the node it was found at. A minimum
 // fill is deliberately not required: incremental trees may be sparse.

@@ -44,6 +44,20 @@ Status env_number(const char* var, uint64_t max, std::optional<uint64_t>* out) {
   return Status::ok();
 }
 
+// Seconds: a number from 0 to a day.
+Status env_seconds(const char* var, std::optional<double>* out) {
+  const char* text = std::getenv(var);
+  if (text == nullptr || *text == '\0') return Status::ok();
+  double v = 0;
+  const char* end = text + std::strlen(text);
+  auto [p, ec] = std::from_chars(text, end, v);
+  if (ec != std::errc() || p != end || !(v >= 0 && v <= 86400))
+    return Status::invalid(std::string("environment variable ") + var + "='" + text +
+                           "' is not a number of seconds from 0 to 86400");
+  *out = v;
+  return Status::ok();
+}
+
 }  // namespace
 
 Status Settings::from_environment(Settings* out) {
@@ -55,6 +69,7 @@ Status Settings::from_environment(Settings* out) {
     Status s = env_number(var, UINT32_MAX, slot);
     if (!s) return s;
   }
+  if (Status s = env_seconds("ZQRTREE_BUSY_TIMEOUT", &out->busy_timeout_s); !s) return s;
   if (total) out->buf_total_mb = static_cast<uint32_t>(*total);
   if (handle) out->buf_handle_mb = static_cast<uint32_t>(*handle);
   if (sort) out->sort_mb = *sort;
@@ -65,6 +80,7 @@ void Settings::merge(const Settings& over) {
   if (over.buf_total_mb) buf_total_mb = over.buf_total_mb;
   if (over.buf_handle_mb) buf_handle_mb = over.buf_handle_mb;
   if (over.sort_mb) sort_mb = over.sort_mb;
+  if (over.busy_timeout_s) busy_timeout_s = over.busy_timeout_s;
 }
 
 // ---- databases ----
@@ -184,8 +200,11 @@ void Database::apply(const Settings& settings) {
     zqsess_set_rtree_buf_mb(session_, total, handle);
   }
   if (settings.sort_mb) zqsess_set_sort_mem(session_, *settings.sort_mb * 1024 * 1024);
+  if (settings.busy_timeout_s)
+    sqlite3_busy_timeout(db(), static_cast<int>(*settings.busy_timeout_s * 1000));
 }
 
+#ifdef ZQ_TEST_HOOKS
 void Database::fail_alloc_nth(uint64_t nth) {
   zqfault_fail_alloc_nth(env_, nth);
 }
@@ -194,6 +213,7 @@ void Database::fail_engine_nth(uint64_t nth) {
   constexpr int32_t kHostIoError = -2200 - SQLITE_IOERR;  // as the host reports SQLite's
   zqfault_raise_nth(env_, nth, nth == 0 ? 0 : kHostIoError, 0);
 }
+#endif
 
 Status Database::list(std::vector<std::pair<std::string, int>>* out, const std::string& schema) {
   out->clear();
@@ -222,6 +242,19 @@ Status Database::file_size(uint64_t* bytes) {
 
 namespace detail {
 
+namespace {
+
+constexpr int32_t kHostSqliteBase = -2200;
+
+// The SQLite result code behind a host code: the host's record of its last
+// SQLite failure when that is the one, else the primary code alone.
+int sqlite_rc_of(const Database& db, int32_t code) {
+  const int rc = zqhost_last_sqlite_code(db.env());
+  return kHostSqliteBase - (rc & 0xff) == code ? rc : kHostSqliteBase - code;
+}
+
+}  // namespace
+
 Status engine_failure(const Database& db, int32_t code, std::string_view what) {
   std::vector<char> buf(4096);
   const size_t need = zqenv_err_format(db.env(), buf.data(), buf.size());
@@ -233,7 +266,6 @@ Status engine_failure(const Database& db, int32_t code, std::string_view what) {
   zqenv_err_clear(db.env());
   std::string msg = std::string(what) + " failed (code " + std::to_string(code);
   // The host reports SQLite's own failures as its base code minus SQLite's.
-  constexpr int32_t kHostSqliteBase = -2200;
   if (code < kHostSqliteBase && code > kHostSqliteBase - 256)
     msg += std::string(": ") + sqlite3_errstr(kHostSqliteBase - code);
   msg += ")";
@@ -243,10 +275,16 @@ Status engine_failure(const Database& db, int32_t code, std::string_view what) {
     msg += "; error stack, innermost first:\n" + trace;
     while (!msg.empty() && msg.back() == '\n') msg.pop_back();
   }
+  // What is wrong, and what to do, first: a row the node guard refused, or
+  // trouble with the file itself.
+  if (const char* why = zqhost_last_refusal(db.env()); code == ZQHOST_ERR_ROW_REFUSED && *why)
+    msg = std::string(why) + "; run `zqrtree check`, then `zqrtree repair`\n" + msg;
+  else if (code < kHostSqliteBase && code > kHostSqliteBase - 256)
+    msg = file_trouble(db.path(), sqlite_rc_of(db, code)) + msg;
   return Status::engine(code, msg);
 }
 
-UserOp::UserOp(Database& db) : db_(db) {
+UserOp::UserOp(Database& db, Mode mode) : db_(db) {
   zqenv_err_clear(db.env());
   // Inside a transaction of the program's own the operation is a savepoint:
   // its failure takes back its own work and nothing the program did before.
@@ -260,7 +298,8 @@ UserOp::UserOp(Database& db) : db_(db) {
     open_ = true;
     return;
   }
-  const int32_t rc = zqsess_begin(db.session());
+  const int32_t rc =
+      mode == Mode::kWrite ? zqsess_begin_write(db.session()) : zqsess_begin(db.session());
   if (rc < 0) {
     begun_ = engine_failure(db, rc, "starting a transaction");
     return;

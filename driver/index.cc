@@ -9,6 +9,7 @@
 
 #include "driver/internal.h"
 #include "driver/leaf_map.h"
+#include "driver/node_guard.h"
 #include "host/host.h"
 
 namespace zq {
@@ -94,6 +95,8 @@ Status Index::create(Database& db, const std::string& name, int dims, Index* out
   Status s = detail::rebuild_tree(idx, 1.0, {}, [](const auto&) { return Status::ok(); });
   if (!s) return s;
   if (s = op.commit(); !s) return s;
+  if (const int32_t rc = guard_node_table(db.session(), schema, name, dims); rc < 0)
+    return detail::engine_failure(db, rc, "guarding index '" + name + "'");
   *out = idx;
   return Status::ok();
 }
@@ -122,6 +125,8 @@ Status Index::open(Database& db, const std::string& name, Index* out, const std:
     if (!detail::table_exists(db.db(), schema, t))
       return Status::not_found("index '" + name + "' is in the catalog of " + where_db(db) +
                                " but its table " + detail::quote_ident(t) + " is missing");
+  if (const int32_t rc = guard_node_table(db.session(), schema, name, dims); rc < 0)
+    return detail::engine_failure(db, rc, "guarding index '" + name + "'");
   *out = idx;
   return Status::ok();
 }

@@ -126,8 +126,10 @@ struct Settings {
   std::optional<uint32_t> buf_total_mb;   // node buffer of all handles together
   std::optional<uint32_t> buf_handle_mb;  // node buffer of one handle
   std::optional<uint64_t> sort_mb;        // sorter memory before it spills to disk
-  // ZQRTREE_BUF_TOTAL_MB, ZQRTREE_BUF_HANDLE_MB, ZQRTREE_SORT_MB; a value
-  // that is not a whole number is a kInvalid status naming the variable.
+  std::optional<double> busy_timeout_s;   // wait for another process's lock (default 5)
+  // ZQRTREE_BUF_TOTAL_MB, ZQRTREE_BUF_HANDLE_MB, ZQRTREE_SORT_MB,
+  // ZQRTREE_BUSY_TIMEOUT; a value that is not a number of the right kind is a
+  // kInvalid status naming the variable.
   static Status from_environment(Settings* out);
   // Fields set in `over` replace those here.
   void merge(const Settings& over);
@@ -160,6 +162,13 @@ class Database {
   Status begin();
   Status commit();
   void rollback();
+
+  zq_env* env() const { return env_; }
+  zq_session* session() const { return session_; }
+  sqlite3* db() const;
+  const std::string& path() const { return path_; }
+
+#ifdef ZQ_TEST_HOOKS
   // Test-only diagnostics (0 switches them off). The nth host allocation
   // from now fails; the library uses a few allocations untested on purpose
   // (its handle, node hash and node buffers), so a failure landing on one of
@@ -168,11 +177,7 @@ class Database {
   // The nth engine call inside a node-table mini-transaction from now fails
   // with the host's code for a SQLite I/O error.
   void fail_engine_nth(uint64_t nth);
-
-  zq_env* env() const { return env_; }
-  zq_session* session() const { return session_; }
-  sqlite3* db() const;
-  const std::string& path() const { return path_; }
+#endif
 
   // A statement prepared once per Database and kept until it closes, reset
   // and unbound; null with *rc set when SQLite refuses the text. For point

@@ -25,7 +25,11 @@ std::string qualified(const std::string& schema, const std::string& table);
 
 using zq::Stmt;
 
-// A SQLite failure as a Status: "what: message".
+// What the user can do about a SQLite failure that is about the database
+// file rather than its content (a read-only directory, a lock held by
+// another process), as a line to put first; "" otherwise.
+std::string file_trouble(const std::string& path, int sqlite_rc);
+// A SQLite failure as a Status: "what: message" (after file_trouble's line).
 Status sql_failure(sqlite3* db, std::string_view what);
 // Runs SQL text with no result rows.
 Status exec(sqlite3* db, const std::string& sql, std::string_view what);
@@ -41,7 +45,11 @@ Status engine_failure(const Database& db, int32_t code, std::string_view what);
 // trace holds this operation's pushes only.
 class UserOp {
  public:
-  explicit UserOp(Database& db);
+  // A writing operation takes the write lock when it begins, so a lock
+  // another process holds is waited for (up to the busy timeout); a reading
+  // one takes none.
+  enum class Mode { kRead, kWrite };
+  explicit UserOp(Database& db, Mode mode = Mode::kWrite);
   ~UserOp();
   UserOp(const UserOp&) = delete;
   UserOp& operator=(const UserOp&) = delete;

@@ -101,7 +101,7 @@ Status Scan::settle() {
 Status Index::query(uint32_t op, const Box& query,
                     const std::function<bool(const Entry&)>& visit) const {
   // A search is a user operation too: one transaction gives it one snapshot.
-  detail::UserOp txn(*db_);
+  detail::UserOp txn(*db_, detail::UserOp::Mode::kRead);
   if (!txn.begun()) return txn.begun();
   Scan scan(*this);
   Status s = scan.open(op, query);

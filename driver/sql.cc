@@ -1,7 +1,9 @@
 // Small SQLite helpers for the driver's own tables (base tables and the
 // catalog): quoting, prepared statements and failure messages.
 #include <sqlite3.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include "driver/internal.h"
@@ -97,14 +99,33 @@ std::string qualified(const std::string& schema, const std::string& table) {
   return quote_ident(schema) + "." + quote_ident(table);
 }
 
+std::string file_trouble(const std::string& path, int rc) {
+  const std::string dir = std::filesystem::path(path).parent_path().string();
+  const std::string shown = dir.empty() ? "." : dir;
+  const bool dir_read_only = !path.empty() && ::access(shown.c_str(), W_OK) != 0;
+  if (rc == SQLITE_READONLY_DIRECTORY || ((rc & 0xff) == SQLITE_CANTOPEN && dir_read_only))
+    return "the journal of '" + path + "' cannot be created: its directory '" + shown +
+           "' is read-only, and SQLite keeps the database's -wal and -shm files beside it; "
+           "make the directory writable or move the database\n";
+  if ((rc & 0xff) == SQLITE_BUSY)
+    return "database '" + path +
+           "' is locked by another process; waited for it as long as --busy-timeout allows (5 s "
+           "unless set, also ZQRTREE_BUSY_TIMEOUT)\n";
+  return {};
+}
+
 Status sql_failure(sqlite3* db, std::string_view what) {
-  return Status::io(std::string(what) + ": " + sqlite3_errmsg(db));
+  const char* file = sqlite3_db_filename(db, "main");
+  return Status::io(file_trouble(file != nullptr ? file : "", sqlite3_extended_errcode(db)) +
+                    std::string(what) + ": " + sqlite3_errmsg(db));
 }
 
 Status exec(sqlite3* db, const std::string& sql, std::string_view what) {
   char* err = nullptr;
   if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err) == SQLITE_OK) return Status::ok();
-  std::string msg = std::string(what) + ": " + (err != nullptr ? err : "unknown SQLite error");
+  const char* file = sqlite3_db_filename(db, "main");
+  std::string msg = file_trouble(file != nullptr ? file : "", sqlite3_extended_errcode(db)) +
+                    std::string(what) + ": " + (err != nullptr ? err : "unknown SQLite error");
   sqlite3_free(err);
   return Status::io(msg);
 }

@@ -51,7 +51,7 @@ Status detail::walk_tree(const Index& index, rtr_mem* rtr,
 }
 
 Status Index::walk(const std::function<void(const NodeView&)>& visit) const {
-  detail::UserOp txn(*db_);
+  detail::UserOp txn(*db_, detail::UserOp::Mode::kRead);
   if (!txn.begun()) return txn.begun();
   detail::Handle handle(*this, detail::Handle::Mode::kRead);
   if (!handle.created()) return handle.created();
@@ -60,7 +60,7 @@ Status Index::walk(const std::function<void(const NodeView&)>& visit) const {
 }
 
 Status Index::print() const {
-  detail::UserOp txn(*db_);
+  detail::UserOp txn(*db_, detail::UserOp::Mode::kRead);
   if (!txn.begun()) return txn.begun();
   detail::Handle handle(*this, detail::Handle::Mode::kRead);
   if (!handle.created()) return handle.created();
@@ -73,7 +73,7 @@ Status Index::print() const {
 }
 
 Status Index::with_read_handle(const std::function<Status(rtr_mem*)>& fn) const {
-  detail::UserOp txn(*db_);
+  detail::UserOp txn(*db_, detail::UserOp::Mode::kRead);
   if (!txn.begun()) return txn.begun();
   detail::Handle handle(*this, detail::Handle::Mode::kRead);
   if (!handle.created()) return handle.created();

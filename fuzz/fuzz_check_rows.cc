@@ -11,6 +11,7 @@
 
 #include "check/check.h"
 #include "driver/default_hooks.h"
+#include "fuzz/reader.h"
 #include "host/host.h"
 #include "zqrtree/hook.h"
 
@@ -35,19 +36,7 @@ struct Setup {
   }
 };
 
-// Reads the input front to back; past its end everything is zero.
-struct Reader {
-  const uint8_t* p;
-  size_t left;
-  uint64_t take(size_t bytes) {
-    uint64_t v = 0;
-    for (size_t i = 0; i < bytes; ++i) v |= uint64_t{left > i ? p[i] : uint8_t{0}} << (8 * i);
-    const size_t used = bytes < left ? bytes : left;
-    p += used;
-    left -= used;
-    return v;
-  }
-};
+using zqfuzz::Reader;
 
 // A column value of the type `kind` asks for: mostly small integers, so rows
 // name each other, sometimes text, a float, a blob or NULL.

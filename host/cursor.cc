@@ -24,6 +24,10 @@
 namespace zqhost {
 namespace {
 
+// A step result beside SQLite's own (which are never negative): the row the
+// statement stands on was refused by the table's row check.
+constexpr int kRefused = -1;
+
 std::string seek_sql(const Table* t, StmtKind kind) {
   static constexpr const char* kRowsWhere[kStmtKinds] = {
       " WHERE rowid = ?1", " WHERE rowid >= ?1 ORDER BY rowid", " WHERE rowid > ?1 ORDER BY rowid"};
@@ -149,18 +153,26 @@ void remember(void** impl, CurState* st) {
   impl[1] = reinterpret_cast<void*>(static_cast<uintptr_t>(st->gen));
 }
 
+// Steps the state's statement onto its next row and fills the record:
+// SQLITE_ROW, SQLITE_DONE, kRefused or a failure.
+int step_to_row(CurState* st, const zq_ptx* ptx) {
+  int rc = sqlite3_step(st->stmt);
+  if (rc != SQLITE_ROW) return rc;
+  rec_fill(st->tab, st->stmt, &st->rec);
+  return row_admitted(st->tab, st->rec, ptx) ? SQLITE_ROW : kRefused;
+}
+
 // Seeks `kind` at `key`; SQLITE_ROW with the state on the record, SQLITE_DONE,
-// or a failure (the state's statement then handed back).
-int seek(CurState* st, StmtKind kind, const zq_key* key) {
+// kRefused or a failure (the state's statement then handed back).
+int seek(CurState* st, StmtKind kind, const zq_key* key, const zq_ptx* ptx) {
   int rc = SQLITE_OK;
   give_back(st);
   st->stmt = borrow(st->tab, kind, &rc);
   if (st->stmt == nullptr) return rc;
   st->stmt_kind = kind;
   bind_key(st->tab, st->stmt, key);
-  rc = sqlite3_step(st->stmt);
+  rc = step_to_row(st, ptx);
   if (rc == SQLITE_ROW) {
-    rec_fill(st->tab, st->stmt, &st->rec);
     st->pos = CurState::kUser;
   } else {
     st->pos = CurState::kNone;
@@ -182,9 +194,8 @@ int seek_past_saved(CurState* st) {
   } else {
     sqlite3_bind_int64(st->stmt, 1, st->key_rowid);
   }
-  rc = sqlite3_step(st->stmt);
+  rc = step_to_row(st, nullptr);
   if (rc == SQLITE_ROW) {
-    rec_fill(st->tab, st->stmt, &st->rec);
     detach_record(st);
   } else {
     st->pos = CurState::kNone;
@@ -269,13 +280,14 @@ int32_t nbtr_cur_search(zq_ptx* ptx, nbtr_cur* cur, uint32_t, uint32_t, zq_key* 
     st = zqhost::new_state(t, ptx);
     zqhost::remember(cur->impl, st);
   }
-  int rc = zqhost::seek(st, zqhost::kSeekEq, key);
+  int rc = zqhost::seek(st, zqhost::kSeekEq, key, ptx);
   if (rc == SQLITE_ROW) {
     cur->rec = zqhost::nrec_of(&st->rec);
     return 0;
   }
   if (rc == SQLITE_DONE) return 0;
   zqhost::state_release(st);
+  if (rc == zqhost::kRefused) return zqhost::refuse_or_raise(ptx->env, ptx, "nbtr_cur_search");
   return zqhost::fail_or_raise(ptx->env, ptx, t->sess->db, rc, "nbtr_cur_search");
 }
 
@@ -298,7 +310,7 @@ int32_t pbcur_open(pbcur* cur, zq_key* key, uint32_t, uint32_t, zq_memobj*) {
   if (st == nullptr) return zqhost::kErrNoMem;
   zqhost::remember(cur->impl, st);
 
-  int rc = zqhost::seek(st, zqhost::kSeekGe, key);
+  int rc = zqhost::seek(st, zqhost::kSeekGe, key, cur->ptx);
   if (rc == SQLITE_ROW) {
     cur->rec = zqhost::nrec_of(&st->rec);
     cur->found = zqhost::matches_key(t, st->rec, key) ? 1 : 0;
@@ -307,6 +319,7 @@ int32_t pbcur_open(pbcur* cur, zq_key* key, uint32_t, uint32_t, zq_memobj*) {
     cur->rec = zqhost::nrec_of(&zqhost::kMaxRec);
   } else {
     zqhost::state_release(st);
+    if (rc == zqhost::kRefused) return zqhost::refuse_or_raise(env, cur->ptx, "pbcur_open");
     return zqhost::fail_or_raise(env, cur->ptx, t->sess->db, rc, "pbcur_open");
   }
   cur->positioned = 1;
@@ -336,8 +349,7 @@ int32_t pbcur_move_to_right_user_rec(pbcur* cur) {
   int rc = SQLITE_OK;
   if (st->stmt != nullptr) {
     zqhost::raise_point(env, cur->ptx);
-    rc = sqlite3_step(st->stmt);
-    if (rc == SQLITE_ROW) zqhost::rec_fill(t, st->stmt, &st->rec);
+    rc = zqhost::step_to_row(st, cur->ptx);
   } else {
     try {
       rc = zqhost::seek_past_saved(st);
@@ -352,7 +364,10 @@ int32_t pbcur_move_to_right_user_rec(pbcur* cur) {
   st->pos = CurState::kNone;
   zqhost::give_back(st);
   cur->rec = nullptr;
-  if (rc != SQLITE_DONE) {
+  if (rc == zqhost::kRefused) {
+    cur->positioned = 0;
+    zqhost::refuse_or_raise(env, cur->ptx, "pbcur_move_to_right_user_rec");
+  } else if (rc != SQLITE_DONE) {
     cur->positioned = 0;
     zqhost::fail_or_raise(env, cur->ptx, t->sess->db, rc, "pbcur_move_to_right_user_rec");
   }

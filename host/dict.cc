@@ -163,6 +163,7 @@ std::unique_ptr<Table> build_table(zq_scope* scope, const std::string& name, Tab
     t->sys_col = static_cast<int>(t->cols.size()) - 1;
   }
   t->serial = s->next_serial++;
+  t->check = row_check_of(s, t->schema, name);
   table_init_objects(t.get());
   return t;
 }
@@ -230,8 +231,10 @@ int64_t seed_rowid(Table* t, int32_t* code) {
   return next;
 }
 
-// Changes whenever the database file changes, by this connection or
-// another; 0 when the file cannot tell (then only the first use seeds).
+}  // namespace
+
+// When the file cannot tell (an in-memory database), the last seed's version
+// comes back: then only the first use seeds.
 uint32_t file_data_version(Table* t) {
   unsigned int v = 0;
   if (sqlite3_file_control(t->sess->db, t->schema.c_str(), SQLITE_FCNTL_DATA_VERSION, &v) !=
@@ -240,8 +243,6 @@ uint32_t file_data_version(Table* t) {
   }
   return v;
 }
-
-}  // namespace
 
 Table::~Table() {
   for (sqlite3_stmt* st : owned) sqlite3_finalize(st);

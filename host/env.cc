@@ -125,6 +125,10 @@ int32_t zqhost_insert_failed_last(const zq_env* env) {
   return env != nullptr ? env->last_insert_failed : 0;
 }
 
+int zqhost_last_sqlite_code(const zq_env* env) {
+  return env != nullptr ? env->last_sqlite_rc : 0;
+}
+
 const char* zqhost_last_sqlite_error(const zq_env* env) {
   return env != nullptr ? env->last_sqlite_error.c_str() : "";
 }

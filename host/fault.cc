@@ -2,7 +2,8 @@
 // failing pool creation by name, raising inside mini-transactions and failing
 // default row callbacks, so every failure path of the library can be driven
 // from a test. All settings live in the env and are one-shot except the pool
-// name, which fails every creation until switched off.
+// name, which fails every creation until switched off. Built only with
+// ZQ_TEST_HOOKS (test builds); a user's build has none of it.
 //
 // Call order: zqfault_* setters (any time) -> engine calls consult
 // alloc_fails / raise_point / callback_fault -> zqfault_*_count to read what
@@ -20,6 +21,10 @@ bool alloc_fails(zq_env* env) {
     return true;
   }
   return false;
+}
+
+bool pool_fails(zq_env* env, const char* name) {
+  return env != nullptr && env->faults.pool_on && name != nullptr && env->faults.pool_name == name;
 }
 
 void raise_point(zq_env* env, zq_ptx* ptx) {

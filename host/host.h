@@ -46,10 +46,14 @@ void zqenv_err_clear(zq_env* env);
  * returns the length it needed, writes at most cap bytes with terminator. */
 size_t zqenv_err_format(const zq_env* env, char* buf, size_t cap);
 
+/* The SQLite result code (extended) of the last SQLite failure on env, 0 if none. */
+int zqhost_last_sqlite_code(const zq_env* env);
+
 /* Allocations made through this env and not yet freed (blocks, heaps, pools). */
 uint64_t zqenv_live_allocs(const zq_env* env);
 
-/* ---- fault injection (all per env; 0 switches a fault off) ---- */
+#ifdef ZQ_TEST_HOOKS
+/* ---- fault injection (test builds only; all per env; 0 switches a fault off) ---- */
 
 /* The nth allocation from now (1-based) fails: mem_malloc_ex, pool and heap
  * creation, memory-object allocations, key/row/fill-info creation. */
@@ -67,6 +71,7 @@ uint64_t zqfault_raise_count(const zq_env* env);
 void zqfault_callback_nth(zq_env* env, uint32_t slot, uint64_t nth, int32_t code);
 uint64_t zqfault_callback_count(const zq_env* env, uint32_t slot);
 void zqfault_reset(zq_env* env);
+#endif
 
 /* zq_sys_halt writes its message to standard error and aborts, unless a
  * handler is set (tests set one). Returns the previous handler. */
@@ -91,6 +96,9 @@ zq_scope* zqsess_scope(zq_session* session, const char* schema);
 /* User-level transactions. A rollback also drops the host's cached state
  * (rowid counters, dictionary objects) so nothing stale survives it. */
 int32_t zqsess_begin(zq_session* session);
+/* The same for work that will write: takes the write lock at once, waiting
+ * for another writer up to the connection's busy timeout. */
+int32_t zqsess_begin_write(zq_session* session);
 int32_t zqsess_commit(zq_session* session);
 int32_t zqsess_rollback(zq_session* session);
 
@@ -141,6 +149,53 @@ void zqsess_set_row_observer(zq_session* session, zq_row_observer_fn fn, void* c
 int32_t zqsess_create_node_table(zq_session* session, const char* schema, const char* index_name);
 /* The record descriptor of a table's B-tree, so tests can set its flags. */
 zq_recdesc* zqsess_table_recdesc(zq_session* session, const char* schema, const char* table_name);
+
+/* ---- row checks ----
+ * A program may give a table a check that sees every row the host hands out
+ * for it (an exact search, a cursor's open and steps) before the caller
+ * does: rules about what a row may hold are the program's, the host knows
+ * none. A refused row fails the call that would have handed it out with
+ * ZQHOST_ERR_ROW_REFUSED, pushed under that call's name and raised inside a
+ * mini-transaction like any engine failure, so the caller's normal error
+ * path runs. Call order: zqsess_set_row_check -> (rows handed out, each
+ * checked) -> zqsess_close frees the check's context. */
+
+#define ZQHOST_ERR_ROW_REFUSED (-2116)
+
+/* One column as stored: its storage class and its value as the host read it. */
+typedef struct zq_col_view {
+  int type;             /* SQLITE_INTEGER, SQLITE_FLOAT, SQLITE_TEXT, SQLITE_BLOB or SQLITE_NULL */
+  int64_t i;            /* the value as an integer (declared integer columns) */
+  double d;             /* the value as a double (declared floating-point columns) */
+  const uint8_t* bytes; /* text and blob columns: `len` bytes, valid during the call */
+  uint32_t len;
+} zq_col_view;
+
+typedef struct zq_row_view {
+  int64_t rowid;
+  uint32_t n_cols; /* the table's declared columns, in order */
+  const zq_col_view* cols;
+  uint64_t epoch;    /* moves whenever the table's rows may have changed since the
+                        last row handed out: a write through the host, a rollback,
+                        a commit of another connection */
+  uint8_t for_write; /* handed out inside a write mini-transaction: the row is about
+                        to be changed, not read */
+} zq_row_view;
+
+/* 0 hands the row out; anything else refuses it, with a reason of at most
+ * `cap` bytes (terminator included) written to `why`. */
+typedef int (*zq_row_check_fn)(void* ctx, const zq_row_view* row, char* why, size_t cap);
+
+/* Gives `table` in `schema` the check `fn` with `ctx` (fn null: no check).
+ * The session owns ctx from then on and frees it with `free_ctx` (may be
+ * null) when the check is replaced or the session closes. */
+int32_t zqsess_set_row_check(zq_session* session, const char* schema, const char* table,
+                             zq_row_check_fn fn, void* ctx, void (*free_ctx)(void*));
+/* The context of the table's check when its function is `fn`, else null. */
+void* zqsess_row_check_ctx(zq_session* session, const char* schema, const char* table,
+                           zq_row_check_fn fn);
+/* The reason of the last refusal of a row check on `env` ("" if none). */
+const char* zqhost_last_refusal(const zq_env* env);
 
 /* ---- default row callbacks (install with rtr_hook_init) ---- */
 

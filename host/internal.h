@@ -49,7 +49,8 @@ inline constexpr int32_t kErrNoRow = -2111;          // the row to change is not
 inline constexpr int32_t kErrBadArg = -2113;         // an argument the host cannot use
 inline constexpr int32_t kErrTooLong = -2114;        // a binary over ZQ_BINARY_MAX bytes
 inline constexpr int32_t kErrTxnState = -2115;       // wrong transaction state for the call
-inline constexpr int32_t kErrSqliteBase = -2200;     // minus SQLite's primary result code
+inline constexpr int32_t kErrRowRefused = ZQHOST_ERR_ROW_REFUSED;  // the table's row check said no
+inline constexpr int32_t kErrSqliteBase = -2200;  // minus SQLite's primary result code
 
 // The host code of a SQLite result code.
 int32_t sqlite_code(int rc);
@@ -101,7 +102,8 @@ enum HeapOrigin : uint8_t {
 inline constexpr size_t kSpareHeapInline = 2048;  // first-chunk size of reusable heaps
 inline constexpr size_t kMaxSpareHeaps = 4;
 
-// ---- fault injection settings of an env ----
+#ifdef ZQ_TEST_HOOKS
+// ---- fault injection settings of an env (test builds only) ----
 struct Faults {
   uint64_t allocs = 0;         // counted allocations since reset
   uint64_t alloc_fail_at = 0;  // the count that fails; 0 = off
@@ -115,6 +117,7 @@ struct Faults {
   uint64_t callback_at[7] = {};
   int32_t callback_code[7] = {};
 };
+#endif
 
 // One accounted allocation made outside fault injection (host bookkeeping
 // such as hash tables); freed with free_block or by zqenv_destroy.
@@ -124,13 +127,29 @@ void free_block(void* ptr);
 void heap_destroy(zq_heap* heap);
 // Frees the heap blocks the env kept for reuse.
 void free_spare_heaps(zq_env* env);
+#ifdef ZQ_TEST_HOOKS
 // Counts one allocation; true when fault injection says it must fail.
 bool alloc_fails(zq_env* env);
+// True when pools named `name` are to fail.
+bool pool_fails(zq_env* env, const char* name);
 // The raise point of every raise-capable call: counts it when `ptx` is open
 // and throws zq_raised when fault injection says so.
 void raise_point(zq_env* env, zq_ptx* ptx);
 // The code injected for this call of default callback `slot`, or 0.
 int32_t callback_fault(zq_env* env, uint32_t slot);
+#else
+// A build for users injects nothing: every fault point lets the call through.
+inline bool alloc_fails(zq_env*) {
+  return false;
+}
+inline bool pool_fails(zq_env*, const char*) {
+  return false;
+}
+inline void raise_point(zq_env*, zq_ptx*) {}
+inline int32_t callback_fault(zq_env*, uint32_t) {
+  return 0;
+}
+#endif
 // Records a SQLite failure on `env` and pushes it under `func` (level 1).
 int32_t sqlite_fail(zq_env* env, sqlite3* db, int rc, const char* func);
 // Inside a ptx a SQLite failure raises; outside it is returned.
@@ -151,7 +170,8 @@ struct Field {
   const uint8_t* data;
   uint32_t len;
   Kind kind;
-  uint8_t null;  // SQL NULL
+  uint8_t null;      // SQL NULL
+  uint8_t sql_type;  // the storage class as stored (SQLITE_INTEGER ...), before any conversion
   union {
     int64_t i;
     double d;
@@ -199,6 +219,8 @@ struct Column {
 
 enum StmtKind { kSeekEq, kSeekGe, kSeekGt, kStmtKinds };
 
+struct RowCheck;
+
 // A table as the host's dictionary knows it; every engine object handed out
 // for it (table, index, B-trees, record descriptor) lives here, so they stay
 // put for the session's life.
@@ -225,6 +247,7 @@ struct Table {
   int64_t next_rowid = 0;     // 0: seed from max(rowid) + 1 on first use
   uint32_t seed_version = 0;  // the file's data version when next_rowid was seeded
   uint64_t dver = 0;          // data version: bumped by every row change of the host
+  RowCheck* check = nullptr;  // the session's check of this table's rows, if any
 
   std::vector<sqlite3_stmt*> idle[kStmtKinds];  // seek statements no cursor holds
   std::vector<sqlite3_stmt*> owned;             // every statement prepared for the table
@@ -281,6 +304,32 @@ void ptx_end_cursors(zq_ptx* ptx);
 // Builds the record of the statement's current row.
 void rec_fill(const Table* t, sqlite3_stmt* stmt, HostRec* rec);
 
+// ---- row checks (row_check.cc) ----
+// A program's check of one table's rows, kept per session by table name so
+// it outlives the Table objects a rollback retires.
+struct RowCheck {
+  RowCheck() = default;
+  RowCheck(const RowCheck&) = delete;
+  RowCheck& operator=(const RowCheck&) = delete;
+  ~RowCheck();
+  zq_row_check_fn fn = nullptr;
+  void* ctx = nullptr;
+  void (*free_ctx)(void*) = nullptr;
+  uint64_t epoch = 1;   // what the check is told; moves when the rows may have changed
+  uint16_t serial = 0;  // the Table object, data version and file version the
+  uint64_t dver = 0;    // epoch was last taken at
+  uint32_t file_version = 0;
+};
+// The check of `t`, looked up when the Table is built.
+RowCheck* row_check_of(zq_session* s, const std::string& schema, const std::string& name);
+// Runs the table's check, if it has one, on the record a cursor is about to
+// hand out: true to hand it out. A refusal keeps the check's reason on the env.
+bool row_admitted(Table* t, const HostRec& rec, const zq_ptx* ptx);
+// Pushes kErrRowRefused under `func`; raised inside a ptx, returned outside.
+int32_t refuse_or_raise(zq_env* env, zq_ptx* ptx, const char* func);
+// Changes whenever the database file changes, by this connection or another.
+uint32_t file_data_version(Table* t);
+
 // The spatial temp table's SQL column list, in record-building order.
 inline constexpr const char* kSpatialSelect =
     "flag, rid, min0, min1, min2, max0, max1, max2, deleted";
@@ -310,10 +359,14 @@ struct zq_env {
   zqhost::Link heaps;                 // every live heap and pool
   std::vector<void*> spare_heaps;     // freed heap blocks kept for the next scratch heap
   uint64_t n_live = 0;
+#ifdef ZQ_TEST_HOOKS
   zqhost::Faults faults;
+#endif
   uint64_t insert_failed_notices = 0;
   int32_t last_insert_failed = 0;
   std::string last_sqlite_error;
+  int last_sqlite_rc = 0;    // its SQLite result code, extended
+  std::string last_refusal;  // the reason a row check gave for its last refusal
 };
 
 struct zq_heap {
@@ -392,6 +445,8 @@ struct zq_session {
 
   zq_row_observer_fn observer = nullptr;  // told of every row the default callbacks write
   void* observer_ctx = nullptr;
+  std::map<std::string, std::unique_ptr<zqhost::RowCheck>>
+      row_checks;  // by schema '\0' name; entries stay until the session closes
 };
 
 namespace zqhost {

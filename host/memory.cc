@@ -266,8 +266,7 @@ zq_memobj* rt_memobj_heap_create_fast_ex(zq_env* env, zq_memobj* storage, uint32
 zq_memobj* rt_memobj_mem2_pool_create_low(zq_env* env, uint32_t, const char* name, size_t size,
                                           uint32_t, uint32_t, uint32_t, uint32_t, uint32_t,
                                           const char*, int) {
-  if (env == nullptr || zqhost::alloc_fails(env)) return nullptr;
-  if (env->faults.pool_on && name != nullptr && env->faults.pool_name == name) return nullptr;
+  if (env == nullptr || zqhost::alloc_fails(env) || zqhost::pool_fails(env, name)) return nullptr;
   auto* pb = static_cast<PoolBlock*>(std::malloc(sizeof(PoolBlock)));
   if (pb == nullptr) return nullptr;
   size_t max_chunk = std::max<size_t>(size, kMinChunk);

@@ -33,17 +33,20 @@ void set_int(Field* f, Kind kind, int64_t v) {
   f->len = kind == Kind::kI32 ? 4 : 8;
   f->kind = kind;
   f->null = 0;
+  f->sql_type = SQLITE_INTEGER;
   f->v.i = v;
 }
 
 void fill_field(Field* f, sqlite3_stmt* st, int col, Kind kind) {
+  // Read before any conversion: afterwards SQLite no longer says what was stored.
+  const int type = sqlite3_column_type(st, col);
+  if (kind == Kind::kI32 || kind == Kind::kI64) set_int(f, kind, sqlite3_column_int64(st, col));
   f->kind = kind;
-  f->null = sqlite3_column_type(st, col) == SQLITE_NULL;
+  f->null = type == SQLITE_NULL;
+  f->sql_type = static_cast<uint8_t>(type);
   switch (kind) {
     case Kind::kI32:
     case Kind::kI64:
-      set_int(f, kind, sqlite3_column_int64(st, col));
-      f->null = sqlite3_column_type(st, col) == SQLITE_NULL;
       return;
     case Kind::kF64:
       f->data = nullptr;
@@ -78,13 +81,17 @@ void fill_spatial(sqlite3_stmt* st, HostRec* rec) {
   size_t len = std::min<size_t>(static_cast<size_t>(sqlite3_column_bytes(st, 0)), kSpatialFlagCap);
   if (text != nullptr) std::memcpy(rec->text, text, len);
   rec->text[len] = '\0';
-  rec->f[0] = Field{
-      reinterpret_cast<const uint8_t*>(rec->text), static_cast<uint32_t>(len), Kind::kText, 0, {0}};
+  rec->f[0] = Field{reinterpret_cast<const uint8_t*>(rec->text),
+                    static_cast<uint32_t>(len),
+                    Kind::kText,
+                    0,
+                    SQLITE_TEXT,
+                    {0}};
   rec->rowid = sqlite3_column_int64(st, 1);
   set_int(&rec->f[1], Kind::kI64, rec->rowid);
   for (int k = 0; k < 6; ++k) rec->box[k] = sqlite3_column_double(st, 2 + k);
-  rec->f[2] =
-      Field{reinterpret_cast<const uint8_t*>(rec->box), sizeof rec->box, Kind::kBin, 0, {0}};
+  rec->f[2] = Field{
+      reinterpret_cast<const uint8_t*>(rec->box), sizeof rec->box, Kind::kBin, 0, SQLITE_BLOB, {0}};
   rec->flags = sqlite3_column_int(st, 8) != 0 ? ZQ_NREC_DELETED_BIT : 0;
   rec->n_fields = 3;
 }

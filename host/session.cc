@@ -50,6 +50,16 @@ void finalize_scope(zq_scope* scope) {
   sqlite3_finalize(scope->columns);
 }
 
+int32_t begin_txn(zq_session* s, const char* sql, const char* func) {
+  if (s->in_txn || s->sp_depth != 0 || sqlite3_get_autocommit(s->db) == 0) {
+    return zqhost::kErrTxnState;
+  }
+  int rc = exec(s->db, sql);
+  if (rc != SQLITE_OK) return zqhost::sqlite_fail(s->env, s->db, rc, func);
+  s->in_txn = true;
+  return 0;
+}
+
 }  // namespace
 
 namespace zqhost {
@@ -149,6 +159,7 @@ void zqsess_close(zq_session* s) {
   zqhost::tmptab_free_all(s);
   s->tables.clear();
   s->retired.clear();
+  s->row_checks.clear();
   for (auto& [name, scope] : s->scopes) finalize_scope(scope.get());
   sqlite3_finalize(s->sp_begin);
   sqlite3_finalize(s->sp_release);
@@ -209,13 +220,14 @@ zq_scope* zqsess_scope(zq_session* s, const char* schema) {
 }
 
 int32_t zqsess_begin(zq_session* s) {
-  if (s->in_txn || s->sp_depth != 0 || sqlite3_get_autocommit(s->db) == 0) {
-    return zqhost::kErrTxnState;
-  }
-  int rc = exec(s->db, "BEGIN");
-  if (rc != SQLITE_OK) return zqhost::sqlite_fail(s->env, s->db, rc, "zqsess_begin");
-  s->in_txn = true;
-  return 0;
+  return begin_txn(s, "BEGIN", "zqsess_begin");
+}
+
+int32_t zqsess_begin_write(zq_session* s) {
+  // The write lock is taken here, where SQLite still waits out another
+  // writer (the busy timeout); a reading transaction that later wants to
+  // write is refused at once instead.
+  return begin_txn(s, "BEGIN IMMEDIATE", "zqsess_begin_write");
 }
 
 int32_t zqsess_commit(zq_session* s) {

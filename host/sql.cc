@@ -13,6 +13,7 @@ int32_t sqlite_code(int rc) {
 int32_t sqlite_fail(zq_env* env, sqlite3* db, int rc, const char* func) {
   int32_t code = sqlite_code(rc);
   if (env != nullptr) {
+    env->last_sqlite_rc = rc;
     try {
       env->last_sqlite_error = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
     } catch (...) {

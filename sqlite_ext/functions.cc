@@ -5,8 +5,8 @@
 //   zqrtree_check(table)                'ok' or the tree's first violation
 //   zqrtree_repack(table[, fill])       rebuild the tree from its entries
 //   zqrtree_repair(table)               rebuild a damaged tree from its leaf rows
-//   zqrtree_fault_alloc(n)              diagnostic: the nth host allocation fails
-//   zqrtree_fault_engine(n)             diagnostic: the nth node-table engine call fails
+//   zqrtree_fault_alloc(n)              test builds: the nth host allocation fails
+//   zqrtree_fault_engine(n)             test builds: the nth node-table engine call fails
 //   zqrtree_undo_armed()                internal: read by the journal's triggers
 // Each takes the connection's Conn as its user data.
 #include <string>
@@ -243,6 +243,7 @@ void fn_check(sqlite3_context* ctx, int, sqlite3_value** argv) {
 #endif
 }
 
+#ifdef ZQ_TEST_HOOKS
 // The diagnostics take n >= 0 (0 switches the fault off) and return it.
 template <void (zq::Database::*arm)(uint64_t)>
 void fn_fault(sqlite3_context* ctx, int, sqlite3_value** argv) {
@@ -253,6 +254,7 @@ void fn_fault(sqlite3_context* ctx, int, sqlite3_value** argv) {
   (conn->database().*arm)(static_cast<uint64_t>(n));
   sqlite3_result_int64(ctx, n);
 }
+#endif
 
 void fn_undo_armed(sqlite3_context* ctx, int, sqlite3_value**) {
   sqlite3_result_int(ctx, conn_of(ctx)->journal.armed() ? 1 : 0);
@@ -281,8 +283,10 @@ int register_functions(Conn* conn) {
       {"zqrtree_repack", 1, direct, fn_repack},
       {"zqrtree_repack", 2, direct, fn_repack},
       {"zqrtree_repair", 1, direct, fn_repair},
+#ifdef ZQ_TEST_HOOKS
       {"zqrtree_fault_alloc", 1, direct, fn_fault<&zq::Database::fail_alloc_nth>},
       {"zqrtree_fault_engine", 1, direct, fn_fault<&zq::Database::fail_engine_nth>},
+#endif
       {Journal::kArmedFunction, 0, SQLITE_UTF8 | SQLITE_INNOCUOUS, fn_undo_armed},
   };
   for (const Function& f : functions) {

@@ -55,7 +55,6 @@ class Journal {
 
    private:
     Journal& journal_;
-    bool outer_ = false;
     bool open_ = false;
     std::string error_;
   };

@@ -96,7 +96,11 @@ bool integer_value(sqlite3_value* v, int64_t* out) {
 std::string value_text(sqlite3_value* v) {
   if (sqlite3_value_type(v) == SQLITE_NULL) return "NULL";
   const unsigned char* text = sqlite3_value_text(v);
-  return text == nullptr ? "?" : "'" + std::string(reinterpret_cast<const char*>(text)) + "'";
+  if (text == nullptr) return "?";
+  // Appended: GCC 12 warns (-Wrestrict) on `"'" + std::string(...)` at -O3.
+  std::string quoted = "'";
+  quoted += reinterpret_cast<const char*>(text);
+  return quoted + "'";
 }
 
 // The new row's id: the id column or the rowid, whichever the statement set

@@ -30,6 +30,7 @@ zq::Status Context::open_index(const std::string& path, const std::string& name,
   return zq::Index::open(**db, name, index);
 }
 
+#ifdef ZQ_TEST_HOOKS
 namespace {
 
 uint64_t setting(uint64_t from_option, const char* var) {
@@ -46,6 +47,9 @@ void Context::arm_faults(zq::Database& db) const {
   if (uint64_t n = setting(opts.fault_engine_nth, "ZQRTREE_FAULT_ENGINE_NTH"); n > 0)
     db.fail_engine_nth(n);
 }
+#else
+void Context::arm_faults(zq::Database&) const {}
+#endif
 
 zq::Progress Context::progress() const {
   if (opts.quiet || !progress_wanted()) return {};

@@ -12,6 +12,8 @@ constexpr const char* kFooter = R"(Settings (also read from the environment):
   --buf-total-mb / ZQRTREE_BUF_TOTAL_MB    node buffer of all handles together, MB
   --buf-handle-mb / ZQRTREE_BUF_HANDLE_MB  node buffer of one handle, MB
   --sort-mb / ZQRTREE_SORT_MB              memory of a bulk load's sorters together, MB
+  --busy-timeout / ZQRTREE_BUSY_TIMEOUT    seconds to wait for a database another
+                                           process has locked (default 5)
 Exit status: 0 done, 1 failure (bad input, missing index, engine error), 2 usage.
 
 Example:
@@ -31,11 +33,17 @@ void add_global_options(CLI::App& app, zqtool::Context& ctx) {
   app.add_option_function<uint64_t>(
       "--sort-mb", [&ctx](uint64_t v) { ctx.opts.settings.sort_mb = v; },
       "megabytes a bulk load's sorters keep in memory together before spilling to disk");
-  // Diagnostics for tests, hidden from --help: fail the nth host allocation
-  // (ZQRTREE_FAULT_ALLOC_NTH) or the nth engine call inside a node-table
-  // mini-transaction (ZQRTREE_FAULT_ENGINE_NTH) of the operation.
+  app.add_option_function<double>(
+         "--busy-timeout", [&ctx](double v) { ctx.opts.settings.busy_timeout_s = v; },
+         "seconds to wait for a database another process has locked (default 5)")
+      ->check(CLI::NonNegativeNumber);
+#ifdef ZQ_TEST_HOOKS
+  // Diagnostics of test builds, hidden from --help: fail the nth host
+  // allocation (ZQRTREE_FAULT_ALLOC_NTH) or the nth engine call inside a
+  // node-table mini-transaction (ZQRTREE_FAULT_ENGINE_NTH) of the operation.
   app.add_option("--fault-alloc-nth", ctx.opts.fault_alloc_nth)->group("");
   app.add_option("--fault-engine-nth", ctx.opts.fault_engine_nth)->group("");
+#endif
 }
 
 }  // namespace
@@ -64,10 +72,17 @@ int main(int argc, char** argv) {
   zqtool::add_list(app, ctx);
   zqtool::add_gen(app, ctx);
   zqtool::add_bench(app, ctx);
+  zqtool::add_version(app, ctx);
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
+    // A mistyped subcommand reads better by name than as an unexpected argument.
+    if (const std::string unknown = zqtool::unknown_command(app, argc, argv);
+        !unknown.empty() && e.get_exit_code() != 0) {
+      std::fprintf(stderr, "zqrtree: %s\n(see zqrtree --help)\n", unknown.c_str());
+      return zqtool::kUsage;
+    }
     const int rc = app.exit(e);
     return rc == 0 ? zqtool::kDone : zqtool::kUsage;
   }

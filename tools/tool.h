@@ -39,9 +39,11 @@ class UsageError : public std::runtime_error {
 
 struct Options {
   bool quiet = false;
-  zq::Settings settings;          // from the command line; the environment fills the rest
+  zq::Settings settings;  // from the command line; the environment fills the rest
+#ifdef ZQ_TEST_HOOKS
   uint64_t fault_alloc_nth = 0;   // diagnostic: fail the nth host allocation of the operation
   uint64_t fault_engine_nth = 0;  // diagnostic: fail its nth node-table engine call
+#endif
 };
 
 class Context {
@@ -53,7 +55,7 @@ class Context {
   zq::Status open_db(const std::string& path, bool create, std::unique_ptr<zq::Database>* out);
   zq::Status open_index(const std::string& path, const std::string& name,
                         std::unique_ptr<zq::Database>* db, zq::Index* index);
-  // Arms the allocation fault, if asked for, right before the operation.
+  // Arms the faults asked for, right before the operation (test builds only).
   void arm_faults(zq::Database& db) const;
   // A progress bar on standard error, or nothing when quiet or not a terminal.
   zq::Progress progress() const;
@@ -114,6 +116,13 @@ void add_repack(CLI::App& app, Context& ctx);  // repack and repair
 void add_list(CLI::App& app, Context& ctx);
 void add_gen(CLI::App& app, Context& ctx);
 void add_bench(CLI::App& app, Context& ctx);
+// `version` and --version.
+void add_version(CLI::App& app, Context& ctx);
+
+// For a command line whose first word names no subcommand: "unknown command
+// 'qurey'; did you mean 'query'?" (or the list of commands when none is
+// near); "" when the first word is a subcommand or there is none.
+std::string unknown_command(const CLI::App& app, int argc, char** argv);
 
 }  // namespace zqtool
 

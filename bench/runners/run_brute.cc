@@ -46,9 +46,12 @@ class Scan {
   void query(const Box& q, Hits* hits) const {
     const size_t n = ids_.size();
     for (size_t i = 0; i < n; ++i) {
-      bool in = true;
-      for (int k = 0; k < dims_; ++k) in &= (lo_[k][i] <= q.hi[k]) & (hi_[k][i] >= q.lo[k]);
-      if (in) hits->add(ids_[i]);
+      // Every comparison is made, without a branch; as unsigned values, since
+      // `&` between booleans reads as a mistaken `&&`.
+      unsigned in = 1;
+      for (int k = 0; k < dims_; ++k)
+        in &= unsigned{lo_[k][i] <= q.hi[k]} & unsigned{hi_[k][i] >= q.lo[k]};
+      if (in != 0) hits->add(ids_[i]);
     }
   }
 

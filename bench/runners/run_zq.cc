@@ -87,7 +87,8 @@ class Engine {
     if (env_ != nullptr) {
       char buf[2048];
       zqenv_err_format(env_, buf, sizeof buf);
-      msg += "\n" + std::string(buf);
+      msg += '\n';
+      msg += buf;
     }
     return msg;
   }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -123,6 +124,12 @@ const Damage kDamages[] = {
        return t.on_leaf("UPDATE \"MDRT$t\" SET parent_id = parent_id + 1000 WHERE rowid = {leaf}");
      },
      "parent_id"},
+    {"RootWithAParent",
+     [](CheckTest& t) {
+       t.exec("UPDATE \"MDRT$t\" SET parent_id = 7 WHERE rowid = 1");
+       return int64_t{RTR_ROOT_ID};
+     },
+     "the root's parent_id is 7"},
     {"LevelMismatch",
      [](CheckTest& t) { return t.on_leaf("UPDATE \"MDRT$t\" SET level = 1 WHERE rowid = {leaf}"); },
      "level"},
@@ -181,6 +188,15 @@ const Damage kDamages[] = {
        return int64_t{RTR_ROOT_ID};
      },
      "does not contain"},
+    {"NanInBranchBox",
+     [](CheckTest& t) {
+       std::vector<uint8_t> b = t.blob(RTR_ROOT_ID);
+       const double nan = std::numeric_limits<double>::quiet_NaN();
+       std::memcpy(b.data() + kMax0, &nan, 8);
+       t.set_blob(RTR_ROOT_ID, b);
+       return int64_t{RTR_ROOT_ID};
+     },
+     "NaN"},
     {"SubtreeCutOff",
      [](CheckTest& t) {
        std::vector<uint8_t> b = t.blob(RTR_ROOT_ID);

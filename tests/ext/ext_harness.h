@@ -147,8 +147,11 @@ inline std::string op_text(uint32_t op) {
                                                 {RTR_OP_WITHIN, "within"},
                                                 {RTR_OP_EQUAL, "equal"},
                                                 {RTR_OP_ANY, "any"}};
-  for (const auto& [bit, name] : n)
-    if ((op & bit) != 0) names += (names.empty() ? "" : "|") + std::string(name);
+  for (const auto& [bit, name] : n) {
+    if ((op & bit) == 0) continue;
+    if (!names.empty()) names += '|';
+    names += name;
+  }
   return (op & RTR_OP_OR) != 0 ? "or(" + names + ")" : names;
 }
 

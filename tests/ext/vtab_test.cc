@@ -287,7 +287,7 @@ TEST(ExtSearch, RangeConstraintsMatchAnOrdinaryTable) {
         const int v = static_cast<int>(rng() % 24) - 2;
         // NULL matches nothing, and a bound beyond the doubles rules out every
         // row from one side only.
-        const std::string value = i % 17 == 0   ? "'" + std::to_string(v) + "'"
+        const std::string value = i % 17 == 0   ? std::string("'").append(std::to_string(v)) + "'"
                                   : i % 29 == 0 ? "'x'"
                                   : i % 31 == 0 ? "NULL"
                                   : i % 37 == 0 ? (v % 2 ? "1e999" : "-1e999")

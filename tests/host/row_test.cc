@@ -2,6 +2,7 @@
 // cursors and as rows, updates, deletes, refused inserts, the rowid counter
 // and binary comparison.
 #include <climits>
+#include <cstdio>
 #include <cstring>
 
 #include "host/internal.h"
@@ -239,6 +240,70 @@ TEST_F(RowTest, BinariesCompareByBytesThenLength) {
   EXPECT_GT(nbin_cmp(env_, &a, &b), 0) << "a longer value with the same prefix sorts after";
   b.u.inl[47] ^= 1;
   EXPECT_NE(nbin_cmp(env_, &a, &b), 0);
+}
+
+// A table's row check sees every row handed out, as stored, with an epoch
+// that moves when the table changes and whether the row is read for a
+// write; its refusal fails the handing-out call with the host's own code,
+// pushed under the call's name, raised inside a ptx and returned outside.
+TEST_F(RowTest, RowCheckSeesEachRowAndItsRefusalFailsTheCall) {
+  ASSERT_EQ(put_row(7, 2, -44, pattern(8, 3)), 0);
+  ASSERT_EQ(put_row(8, 0, 7, pattern(8, 5)), 0);
+  struct Seen {
+    int64_t rowid = 0;
+    int cells_type = 0;
+    uint64_t epoch = 0;
+    int for_write = -1;
+  };
+  auto* seen = new Seen;  // the session's from here on
+  const zq_row_check_fn check = [](void* ctx, const zq_row_view* row, char* why, size_t cap) {
+    *static_cast<Seen*>(ctx) = Seen{row->rowid, row->cols[2].type, row->epoch, row->for_write};
+    if (row->rowid != 8) return 0;
+    std::snprintf(why, cap, "row 8 is not wanted");
+    return 1;
+  };
+  ASSERT_EQ(zqsess_set_row_check(sess_, "main", "MDRT$t", check, seen,
+                                 [](void* ctx) { delete static_cast<Seen*>(ctx); }),
+            0);
+  EXPECT_EQ(zqsess_row_check_ctx(sess_, "main", "MDRT$t", check), seen);
+
+  Scratch mem(env_);
+  zq_key* key7 = tuple4_key_create(env_, mem.get(), desc_, 7, __FILE__, __LINE__);
+  zq_key* key8 = tuple4_key_create(env_, mem.get(), desc_, 8, __FILE__, __LINE__);
+  const auto read = [&](zq_key* key, uint32_t write) {
+    zq_ptx ptx;
+    EXPECT_EQ(ptx3_begin_low_ex(env_, &ptx, write, 0, __FILE__, __LINE__), 0);
+    nbtr_cur cur;
+    nbtr_cur_init(&cur, btr_);
+    int32_t rc = 0;
+    try {
+      rc = nbtr_cur_search(&ptx, &cur, 4, 4, key, 0, mem.get());
+    } catch (const zq_raised& raised) {
+      rc = raised.code;
+    }
+    ptx3_commit_inner(&ptx, ZQ_PTX_COMMIT);
+    return rc;
+  };
+  EXPECT_EQ(read(key7, 0), 0);
+  const Seen first = *seen;
+  EXPECT_EQ(first.rowid, 7);
+  EXPECT_EQ(first.cells_type, SQLITE_BLOB);
+  EXPECT_EQ(first.for_write, 0);
+  EXPECT_EQ(read(key7, 1), 0);
+  EXPECT_EQ(seen->for_write, 1);
+  EXPECT_EQ(seen->epoch, first.epoch) << "nothing changed between the reads";
+  ASSERT_EQ(update(7, {0}, 3, 0, {}, true), 0);
+  EXPECT_EQ(read(key7, 0), 0);
+  EXPECT_NE(seen->epoch, first.epoch) << "a write moves the epoch";
+
+  EXPECT_EQ(read(key8, 0), ZQHOST_ERR_ROW_REFUSED);
+  pbcur cur;
+  pbcur_init_low(&cur, nullptr, btr_, __FILE__, __LINE__);
+  EXPECT_EQ(pbcur_open(&cur, key8, 1, 4, mem.get()), ZQHOST_ERR_ROW_REFUSED);
+  pbcur_close(&cur);
+  EXPECT_EQ(errors(), (std::vector<zqtest::Pushed>{{ZQHOST_ERR_ROW_REFUSED, "nbtr_cur_search"},
+                                                   {ZQHOST_ERR_ROW_REFUSED, "pbcur_open"}}));
+  EXPECT_STREQ(zqhost_last_refusal(env_), "row 8 is not wanted");
 }
 
 }  // namespace

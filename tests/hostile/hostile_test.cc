@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -57,14 +58,22 @@ class HostileTest : public ::testing::Test {
     return path;
   }
 
-  // Placeholders: {db}, {nodb} (absent), {junkdb} (not a database), {file}
-  // (the case's input file), {long} (an over-long name).
+  // Placeholders: {db}, {nodb} (absent), {junkdb} (not a database), {rodb}
+  // (in the read-only directory {rodir}), {lockeddb} (another process holds
+  // its write lock), {file} (the case's input file), {long} (an over-long
+  // name), {versions} (the library's and SQLite's).
   std::string fill(std::string s, const std::string& file) const {
-    const std::pair<std::string, std::string> subst[] = {{"{junkdb}", junk_db_},
-                                                         {"{nodb}", no_db_},
-                                                         {"{db}", db_},
-                                                         {"{file}", file},
-                                                         {"{long}", kLong}};
+    const std::pair<std::string, std::string> subst[] = {
+        {"{junkdb}", junk_db_},
+        {"{nodb}", no_db_},
+        {"{rodb}", ro_db_},
+        {"{rodir}", ro_dir_},
+        {"{lockeddb}", locked_db_},
+        {"{db}", db_},
+        {"{file}", file},
+        {"{long}", kLong},
+        {"{versions}",
+         std::string("libzqrtree ") + ZQ_VERSION + ", SQLite " + sqlite3_libversion()}};
     for (const auto& [from, to] : subst)
       for (size_t p; (p = s.find(from)) != std::string::npos;) s.replace(p, from.size(), to);
     return s;
@@ -74,6 +83,9 @@ class HostileTest : public ::testing::Test {
   const std::string db_ = dir_.file("h.db");
   const std::string no_db_ = dir_.file("absent.db");
   const std::string junk_db_ = dir_.file("junk.db");
+  const std::string ro_dir_ = dir_.file("ro");
+  const std::string ro_db_ = ro_dir_ + "/r.db";
+  const std::string locked_db_ = dir_.file("locked.db");
 };
 
 struct ToolCase {
@@ -103,6 +115,27 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
   write("junk.db", junk);
   const std::string whole = collection(feature(kPoint, "5"));
   const std::string cut = whole.substr(0, whole.size() - 2);
+  // A database whose directory is read-only to the user (root is not held
+  // back by permissions, so as root the tool runs as nobody there), and one
+  // whose write lock another connection holds.
+  for (const std::string& db : {ro_db_, locked_db_}) {
+    std::filesystem::create_directories(std::filesystem::path(db).parent_path());
+    ASSERT_EQ(tool({"create", db, "t"}).status, 0);
+  }
+  using std::filesystem::perms;
+  const uid_t nobody = geteuid() == 0 ? 65534 : 0;
+  std::filesystem::permissions(dir_.file(""), perms::others_exec,
+                               std::filesystem::perm_options::add);
+  // A reading connection leaves the WAL files behind; they must not be there
+  // for the tool to use.
+  const std::string ro_before = dump_database(ro_db_);
+  for (const char* suffix : {"-wal", "-shm"}) std::filesystem::remove(ro_db_ + suffix);
+  std::filesystem::permissions(
+      ro_db_, perms::owner_read | perms::owner_write | perms::others_read | perms::others_write);
+  std::filesystem::permissions(
+      ro_dir_, perms::owner_read | perms::owner_exec | perms::others_read | perms::others_exec);
+  zqext_test::Db locker(locked_db_);
+  locker.exec("BEGIN IMMEDIATE");
 
   const ToolCase cases[] = {
       // Coordinates that are not finite, or out of order, as arguments and in files.
@@ -171,9 +204,18 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
       {"check {db} u", 1, "its table \"MDRT$u\" is missing"},
       {"query {junkdb} t 0,0,1,1", 1,
        "opening database '{junkdb}' failed (code -2226: file is not a database)"},
+      // The file and the tool itself.
+      {"insert {rodb} t 5 0,0,1,1", 1,
+       "the journal of '{rodb}' cannot be created: its directory '{rodir}' is read-only"},
+      {"insert {lockeddb} t 5 0,0,1,1 --busy-timeout 0.5", 1,
+       "database '{lockeddb}' is locked by another process; waited for it as long as "
+       "--busy-timeout allows"},
+      {"--version", 0, "({versions})"},
+      {"version", 0, "({versions})"},
       // Usage.
       {"query {db} t --op overlap 0,0,1,1", 2, "unknown operator 'overlap'"},
-      {"frobnicate", 2, ""},
+      {"qurey {db} t 0,0,1,1", 2, "unknown command 'qurey'; did you mean 'query'?"},
+      {"frobnicate", 2, "unknown command 'frobnicate'; the commands are create, load,"},
       {"create {db}", 2, "INDEX is required"},
       {"create {db} w --dims 4", 2, ""},
       {"insert {db} t 2 0,0,1,1 --file x.csv", 2, "either ID and BOX or --file"},
@@ -226,11 +268,23 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
     std::vector<std::string> args;
     std::istringstream words(c.args);
     for (std::string w; words >> w;) args.push_back(fill(w, file));
-    const Outcome r = tool(args);
+    const bool ro = std::string(c.args).find("{rodb}") != std::string::npos;
+    const Outcome r = zqtest::run_tool(dir_, args, "", {}, 0, ro ? nobody : 0);
     EXPECT_EQ(r.status, c.status) << c.args << " " << c.file << ": " << r.err;
-    EXPECT_NE(r.err.find(fill(c.message, file)), std::string::npos) << c.args << ": " << r.err;
+    EXPECT_NE((r.err + r.out).find(fill(c.message, file)), std::string::npos)
+        << c.args << ": " << r.err;
     EXPECT_EQ(dump_database(db_), before) << c.args << " " << c.file;
   }
+  EXPECT_EQ(dump_database(ro_db_), ro_before);
+  std::filesystem::permissions(ro_dir_, perms::owner_all, std::filesystem::perm_options::add);
+  // A lock let go within the busy timeout is waited for.
+  const std::string in = dir_.file("stdin"), out = dir_.file("stdout"), err = dir_.file("stderr");
+  std::ofstream(in) << "";
+  const pid_t waiting = zqtest::spawn_tool({"insert", locked_db_, "t", "5", "0,0,1,1"}, in, out,
+                                           err, {"ZQRTREE_BUSY_TIMEOUT=20"});
+  usleep(300000);
+  locker.exec("COMMIT");
+  EXPECT_EQ(zqtest::reap(waiting), 0) << zqtest::slurp(err);
   const Outcome bad_env =
       zqtest::run_tool(dir_, {"query", db_, "t", "0,0,1,1"}, "", {"ZQRTREE_SORT_MB=lots"});
   EXPECT_EQ(bad_env.status, 1);
@@ -238,6 +292,94 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
   EXPECT_FALSE(std::filesystem::exists(no_db_)) << "a missing database was created";
   EXPECT_EQ(zqtest::slurp(junk_db_), junk);
   EXPECT_EQ(tool({"check", db_, "t"}).status, 0);
+}
+
+// A 2-D cells blob as an SQL literal: one entry per id, each spanning [0, 10]
+// on both axes.
+std::string cells(const std::vector<int64_t>& ids) {
+  std::string bytes(4, '\0');
+  const uint32_t n = static_cast<uint32_t>(ids.size());
+  std::memcpy(bytes.data(), &n, 4);
+  for (int64_t id : ids) {
+    bytes.append(reinterpret_cast<const char*>(&id), 8);
+    for (double v : {0.0, 0.0, 10.0, 10.0}) bytes.append(reinterpret_cast<const char*>(&v), 8);
+  }
+  constexpr const char* kDigits = "0123456789ABCDEF";
+  std::string hex = "X'";
+  for (unsigned char c : bytes) {
+    hex += kDigits[c >> 4];
+    hex += kDigits[c & 15];
+  }
+  return hex + "'";
+}
+
+// Node rows damaged behind the tool's back. Every operation that reads one
+// fails at once, never hangs or crashes, says which node of which index is
+// damaged and what to do, prints the error stack, and changes nothing.
+TEST_F(HostileTest, DamagedNodeRowsFailAtOnceAndChangeNothing) {
+  std::string csv;
+  for (int id = 1; id <= 120; ++id) csv += std::to_string(id) + ",1,1,2,2\n";
+  const std::string input = write("boxes.csv", csv);
+  const auto node = [](int64_t id, int level, int64_t parent, const std::string& blob) {
+    return "INSERT INTO \"MDRT$t\" (rowid, level, parent_id, cells) VALUES (" + std::to_string(id) +
+           ", " + std::to_string(level) + ", " + std::to_string(parent) + ", " + blob + ");";
+  };
+  const struct {
+    std::string damage;
+    const char* says;
+  } cases[] = {
+      {"UPDATE \"MDRT$t\" SET cells = CAST(X'FFFFFF7F' || zeroblob(24) AS BLOB) WHERE rowid = 1",
+       "node 1 of index 't' is damaged: entry count 2147483647 in a 28-byte blob exceeds 51"},
+      {"UPDATE \"MDRT$t\" SET cells = 'abc' WHERE rowid = 1",
+       "node 1 of index 't' is damaged: cells column holds text, not a blob"},
+      {"UPDATE \"MDRT$t\" SET cells = CAST(substr(cells, 1, 12) || X'000000000000F87F' || "
+       "substr(cells, 21) AS BLOB) WHERE rowid = 1",
+       "node 1 of index 't' is damaged: entry 0 has a NaN coordinate"},
+      {"UPDATE \"MDRT$t\" SET level = 300 WHERE rowid = 1",
+       "node 1 of index 't' is damaged: level 300 is out of range (0 to 40)"},
+      // A leaf that is its own parent, under the root and as the root: an
+      // insert's walk up the parents would go round for ever.
+      {"DELETE FROM \"MDRT$t\";" + node(1, 1, 0, cells({2})) + node(2, 0, 2, cells({2, 7})),
+       "node 2 of index 't' is damaged: parent_id names the node itself"},
+      {"DELETE FROM \"MDRT$t\";" + node(1, 0, 1, cells({1, 7})),
+       "node 1 of index 't' is damaged: the root's parent_id is 1, not 0"},
+      // Branches holding each other under a tall root: a search would walk
+      // 2^40 paths.
+      {"DELETE FROM \"MDRT$t\";" + node(1, 40, 0, cells({2, 3})) + node(2, 39, 1, cells({3, 4})) +
+           node(3, 39, 1, cells({2, 4})) + node(4, 39, 1, cells({2, 3})),
+       "node 2 of index 't' is damaged: entry 0 names node 3, which node 1 holds"},
+  };
+  const std::vector<std::vector<std::string>> ops = {{"query", db_, "t", "0,0,10,10"},
+                                                     {"insert", db_, "t", "500", "1,1,2,2"},
+                                                     {"delete", db_, "t", "7"}};
+  for (const auto& c : cases) {
+    std::filesystem::remove(db_);
+    ASSERT_EQ(zqtest::run_tool(dir_, {"create", db_, "t"}).status, 0);
+    ASSERT_EQ(zqtest::run_tool(dir_, {"load", db_, "t", input}).status, 0);
+    zqext_test::Db(db_).exec(c.damage);
+    const std::string before = dump_database(db_);
+    // A tree written by hand holds entries the index's own record of its rows
+    // knows nothing of: only searches and inserts, which need the node table
+    // alone, run on it.
+    const bool by_hand = c.damage.rfind("DELETE", 0) == 0;
+    for (const auto& op : ops) {
+      if (by_hand && op[0] == "delete") continue;
+      const Outcome r = zqtest::run_tool(dir_, op, "", {}, 20);
+      EXPECT_EQ(r.status, 1) << op[0] << " on " << c.says << ": " << r.err;
+      for (const char* part :
+           {c.says, "; run `zqrtree check`, then `zqrtree repair`", "error stack, innermost first"})
+        EXPECT_NE(r.err.find(part), std::string::npos) << op[0] << ": " << r.err;
+      EXPECT_EQ(dump_database(db_), before) << op[0] << " on " << c.says;
+    }
+  }
+  // The extension reads through the same guard.
+  zqext_test::Db db(dir_.file("e.db"));
+  db.exec("CREATE VIRTUAL TABLE v USING zqrtree(id, lo0, hi0, lo1, hi1)");
+  db.exec("INSERT INTO v VALUES (1, 0, 1, 0, 1)");
+  db.exec("UPDATE \"MDRT$v\" SET cells = 'abc' WHERE rowid = 1");
+  EXPECT_NE(db.try_exec("SELECT id FROM v WHERE hi0 >= 0 AND lo0 <= 1")
+                .find("node 1 of index 'v' is damaged: cells column holds text"),
+            std::string::npos);
 }
 
 // The ends of the rowid range are ordinary rowids, in both ways in.

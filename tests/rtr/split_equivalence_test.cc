@@ -230,7 +230,11 @@ std::string describe(const std::vector<rtr_cell>& cells) {
   for (const rtr_cell& c : cells) {
     const Slots s = slots(c.rect);
     out += std::to_string(c.id) + ":";
-    for (double v : s) out += " " + std::to_string(v) + (std::signbit(v) && v == 0 ? "(-)" : "");
+    for (double v : s) {
+      out += ' ';
+      out += std::to_string(v);
+      if (std::signbit(v) && v == 0) out += "(-)";
+    }
     out += "\n";
   }
   return out;

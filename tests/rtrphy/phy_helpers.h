@@ -21,9 +21,11 @@ using Bytes = std::vector<uint8_t>;
 
 template <class T>
 void put(Bytes& out, T v) {
-  uint8_t raw[sizeof(T)];
-  std::memcpy(raw, &v, sizeof(T));
-  out.insert(out.end(), raw, raw + sizeof(T));
+  // Grown, then copied into: GCC 12 takes a ranged insert into a fresh vector
+  // for an overflow at -O3 (-Wstringop-overflow).
+  const size_t at = out.size();
+  out.resize(at + sizeof(T));
+  std::memcpy(out.data() + at, &v, sizeof(T));
 }
 
 // The blob as drawn: count, then per entry id, d minima, d maxima.

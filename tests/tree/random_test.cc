@@ -5,7 +5,8 @@
 // and rolled back). Some runs use a cache too
 // small to hold anything unpinned, so nodes are written and read back in the
 // middle of every operation; one runs on a database file that is closed and
-// reopened along the way.
+// reopened along the way. The engine side's node-row guard reads along: no
+// row of a sound tree, met in the middle of any operation, may be refused.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/node_guard.h"
 #include "tests/tree/tree_util.h"
 
 namespace {
@@ -150,6 +152,7 @@ class RandomTreeTest : public TreeTest, public testing::WithParamInterface<Rando
     }
     // Per-handle 0 MB gives a budget of 0 nodes: every new buffer evicts.
     zqsess_set_rtree_buf_mb(sess_, 4096, c.tiny_cache ? 0 : 64);
+    ASSERT_EQ(zq::guard_node_table(sess_, "main", "t", c.dims), 0);
     create_root(static_cast<uint16_t>(c.dims));
     model_.dims = c.dims;
     filter_axes_ = c.dims == 1 ? 1 : 2;
@@ -167,6 +170,7 @@ class RandomTreeTest : public TreeTest, public testing::WithParamInterface<Rando
   void reopen() {
     reopen_session(path_.c_str());
     zqsess_set_rtree_buf_mb(sess_, 4096, GetParam().tiny_cache ? 0 : 64);
+    ASSERT_EQ(zq::guard_node_table(sess_, "main", "t", GetParam().dims), 0);
   }
 
   // Hits of (box, EQUAL) on the filter axes agree with the model: the entry
