@@ -1,0 +1,107 @@
+// Boxes and operators from SQL arguments, validated with the driver's own
+// rules and messages (driver/box.cc), so the extension says what the tool
+// says.
+#include "pg/ext/args.h"
+
+#include <cstring>
+#include <string>
+
+#include "driver/index.h"
+#include "driver/internal.h"
+
+extern "C" {
+#include "catalog/pg_type_d.h"
+#include "utils/builtins.h"
+#include "utils/lsyscache.h"
+}
+
+namespace zqpg {
+namespace {
+
+// The text of a check that may have found a problem, copied so that the
+// string is gone before an ERROR is raised with it.
+struct Problem {
+  char text[512] = "";
+  void take(const std::string& p) { strlcpy(text, p.c_str(), sizeof text); }
+  void raise() const {
+    if (text[0] != '\0') bad_input(text);
+  }
+};
+
+zq::Box to_box(const rtr_rect& r) {
+  zq::Box b;
+  const double mins[3] = {r.min0, r.min1, r.min2};
+  const double maxs[3] = {r.max0, r.max1, r.max2};
+  for (int k = 0; k < 3; ++k) {
+    b.min[k] = mins[k];
+    b.max[k] = maxs[k];
+  }
+  return b;
+}
+
+}  // namespace
+
+rtr_rect box_of(const double* mins, const double* maxs, int dims) {
+  zq::Box b;
+  for (int k = 0; k < dims; ++k) {
+    b.min[k] = mins[k];
+    b.max[k] = maxs[k];
+  }
+  Problem p;
+  p.take(zq::box_problem(b, dims));
+  p.raise();
+  return zq::to_rect(b);
+}
+
+rtr_rect box_arg(ArrayType* array, int dims) {
+  if (ARR_ELEMTYPE(array) != FLOAT8OID) bad_input("a box is a double precision array");
+  if (ARR_NDIM(array) > 1) bad_input("a box is a one-dimensional array");
+  const int n = ARR_NDIM(array) == 0 ? 0 : ARR_DIMS(array)[0];
+  if (n != 2 * dims)
+    ereport(ERROR, (errcode(ERRCODE_INVALID_PARAMETER_VALUE),
+                    errmsg("box has %d coordinates; a %d-axis index needs %d", n, dims, 2 * dims),
+                    errhint("boxes are all minima, then all maxima")));
+  if (ARR_HASNULL(array)) bad_input("a box coordinate is null");
+  const auto* v = reinterpret_cast<const double*>(ARR_DATA_PTR(array));
+  return box_of(v, v + dims, dims);
+}
+
+ArrayType* box_array(const rtr_rect& rect, int dims) {
+  const double mins[3] = {rect.min0, rect.min1, rect.min2};
+  const double maxs[3] = {rect.max0, rect.max1, rect.max2};
+  Datum d[6];
+  for (int k = 0; k < dims; ++k) {
+    d[k] = Float8GetDatum(mins[k]);
+    d[dims + k] = Float8GetDatum(maxs[k]);
+  }
+  return construct_array(d, 2 * dims, FLOAT8OID, sizeof(double), FLOAT8PASSBYVAL, TYPALIGN_DOUBLE);
+}
+
+char* box_text(const rtr_rect& rect, int dims) {
+  return pstrdup(zq::detail::describe_box(to_box(rect), dims).c_str());
+}
+
+uint32_t op_arg(text* op) {
+  char* t = text_to_cstring(op);
+  size_t len = strlen(t);
+  bool or_mode = false;
+  if (len > 4 && strncmp(t, "or(", 3) == 0 && t[len - 1] == ')') {
+    or_mode = true;
+    t[len - 1] = '\0';
+    t += 3;
+  }
+  uint32_t bits = 0;
+  Problem p;
+  {
+    std::string error;
+    if (!zq::parse_op(t, or_mode, &bits, &error)) p.take(error);
+  }
+  p.raise();
+  return bits;
+}
+
+bool matches(uint32_t op, const rtr_rect& entry, const rtr_rect& query, int dims) {
+  return rtr_leaf_rect_cmp(&entry, &query, static_cast<uint32_t>(dims), op) != 0;
+}
+
+}  // namespace zqpg
