@@ -19,7 +19,9 @@ extern "C" {
 #include "access/htup_details.h"
 #include "access/xact.h"
 #include "catalog/index.h"
+#include "storage/bufmgr.h"
 #include "utils/errcodes.h"
+#include "utils/snapmgr.h"
 }
 
 namespace zqpg {
@@ -92,9 +94,41 @@ const PgRec* current(zq_session* s, Table* t, const nbtr_cur* cur, const zq_key*
   return *rc == 0 ? &st->rec : nullptr;
 }
 
+// Fixed-width columns of a row that this (sub)transaction wrote and nobody
+// has changed since are overwritten where they lie (WAL-logged), as the engine
+// interface's in-place update means: no other snapshot can see such a row,
+// so no new version is needed. A bulk build writes every node and then
+// points it at its parent; in place, that costs no second version and no
+// index entry. Sets *done when it applied; runs inside pg_call.
+void overwrite_own_row(Table* t, const PgRec* old, const NodeRow& r, bool* done) {
+  HeapTupleData stored;
+  stored.t_self = old->tid;
+  Buffer buf = InvalidBuffer;
+  if (!heap_fetch(t->rel, SnapshotAny, &stored, &buf, false)) return;
+  const HeapTupleHeader h = stored.t_data;
+  // The writer must be the current subtransaction itself, not an enclosing
+  // one: a rollback to a savepoint must take the row with the overwrite.
+  const TransactionId current = GetCurrentTransactionIdIfAny();
+  const bool own = TransactionIdIsValid(current) &&
+                   TransactionIdEquals(HeapTupleHeaderGetXmin(h), current) &&
+                   (h->t_infomask & HEAP_XMAX_INVALID) != 0 &&
+                   !TransactionIdIsValid(HeapTupleHeaderGetRawXmax(h)) &&
+                   !HeapTupleHeaderIsHeapOnly(h) && !HeapTupleHeaderIsHotUpdated(h);
+  ReleaseBuffer(buf);
+  if (!own) return;
+  Datum id;
+  HeapTuple tup = form_tuple(t, r, &id);
+  tup->t_self = old->tid;
+  heap_inplace_update(t->rel, tup);
+  *done = true;
+}
+
 int32_t rewrite(zq_ptx* ptx, zq_session* s, Table* t, const PgRec* old, const NodeRow& r,
-                const char* func) {
+                const char* func, bool fixed) {
   const int32_t rc = write_row(s, t, func, [&] {
+    bool done = false;
+    if (fixed) overwrite_own_row(t, old, r, &done);
+    if (done) return;
     Datum id;
     HeapTuple tup = form_tuple(t, r, &id);
     ItemPointerData tid = old->tid;
@@ -208,7 +242,7 @@ int32_t zqpg_row_update_fixed(zq_ptx* ptx, zq_session* s, zq_table* table, zq_in
         return zqpg::kErrBadArg;  // only fixed-width columns are updated in place
     }
   }
-  return zqpg::rewrite(ptx, s, t, old, r, "zqpg_row_update_fixed");
+  return zqpg::rewrite(ptx, s, t, old, r, "zqpg_row_update_fixed", true);
 }
 
 int32_t zqpg_row_update_unfixed(zq_ptx* ptx, zq_session* s, zq_table* table, zq_index*,
@@ -221,7 +255,7 @@ int32_t zqpg_row_update_unfixed(zq_ptx* ptx, zq_session* s, zq_table* table, zq_
   const zq_value& cells = new_row->cols[zqpg::kColCells];
   const NodeRow r{old->rowid, new_row->cols[zqpg::kColLevel].u.i32,
                   new_row->cols[zqpg::kColParent].u.i64, zqpg::bytes_of(&cells), cells.len};
-  return zqpg::rewrite(ptx, s, t, old, r, "zqpg_row_update_unfixed");
+  return zqpg::rewrite(ptx, s, t, old, r, "zqpg_row_update_unfixed", false);
 }
 
 void zqpg_row_insert_failed(zq_env*, int32_t) {

@@ -64,6 +64,19 @@ SELECT zqrtree_delete('p', 3, '{3,3,4,4}');
 COMMIT;
 SELECT zqrtree_check('p');
 SELECT array_agg(id ORDER BY id) FROM zqrtree_query('p', 'intersect', '{0,0,4,4}');
+-- Rows a transaction wrote are overwritten in place only by the
+-- subtransaction that wrote them: a rollback to a savepoint still finds the
+-- bulk-loaded tree whole.
+SELECT zqrtree_create('sp', 2);
+BEGIN;
+SELECT zqrtree_load('sp', 'SELECT g, g % 100, g % 97, g % 100 + 1, g % 97 + 1
+                           FROM generate_series(1, 3000) g', 1.0);
+SAVEPOINT a;
+SELECT count(zqrtree_insert('sp', g, ARRAY[g % 100, g % 97, g % 100 + 1, g % 97 + 1]::float8[]))
+  FROM generate_series(3001, 4000) g;
+ROLLBACK TO a;
+SELECT zqrtree_check('sp');
+COMMIT;
 
 -- The trigger keeps an index in step with a table: box array or columns.
 CREATE TABLE parks (id bigint PRIMARY KEY, box float8[]);
