@@ -81,6 +81,31 @@ char* box_text(const rtr_rect& rect, int dims) {
   return pstrdup(zq::detail::describe_box(to_box(rect), dims).c_str());
 }
 
+bool number_arg(Datum d, Oid type, double* out) {
+  switch (type) {
+    case FLOAT8OID:
+      *out = DatumGetFloat8(d);
+      return true;
+    case FLOAT4OID:
+      *out = DatumGetFloat4(d);
+      return true;
+    case INT2OID:
+      *out = DatumGetInt16(d);
+      return true;
+    case INT4OID:
+      *out = DatumGetInt32(d);
+      return true;
+    case INT8OID:
+      *out = static_cast<double>(DatumGetInt64(d));
+      return true;
+    case NUMERICOID:
+      *out = DatumGetFloat8(DirectFunctionCall1(numeric_float8, d));
+      return true;
+    default:
+      return false;
+  }
+}
+
 uint32_t op_arg(text* op) {
   char* t = text_to_cstring(op);
   size_t len = strlen(t);

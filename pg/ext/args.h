@@ -20,6 +20,9 @@ rtr_rect box_of(const double* mins, const double* maxs, int dims);
 ArrayType* box_array(const rtr_rect& rect, int dims);
 // "[1, 2] x [0, 5]", in the caller's memory.
 char* box_text(const rtr_rect& rect, int dims);
+// A number column's value as a double: smallint to bigint, real, double
+// precision, numeric; false for any other type.
+bool number_arg(Datum value, Oid type, double* out);
 // "intersect", "within|equal" (all must hold), "or(within|equal)" (any may).
 uint32_t op_arg(text* op);
 // The library's leaf test on every axis: a 3-axis hit is rechecked with it.

@@ -65,6 +65,26 @@ void flush(Op* op, rtr_mem* rtr) {
   op_check(op, rtr_flush_all(op->env, rtr), "writing back the changed nodes");
 }
 
+// One id's entry deleted by its stored box (argument `old_arg`) and/or
+// inserted with a new one (`new_arg`); -1 leaves that half out. Arguments 0
+// and 1 are the index's name and the id.
+void change_entry(FunctionCallInfo fcinfo, int old_arg, int new_arg) {
+  Op op;
+  op_begin(&op, PG_GETARG_TEXT_PP(0), true);
+  const int64 id = PG_GETARG_INT64(1);
+  const rtr_rect old_box =
+      old_arg < 0 ? rtr_rect{} : box_arg(PG_GETARG_ARRAYTYPE_P(old_arg), op.dims);
+  const rtr_rect new_box =
+      new_arg < 0 ? rtr_rect{} : box_arg(PG_GETARG_ARRAYTYPE_P(new_arg), op.dims);
+  ZQ_OP_TRY(&op) {
+    rtr_mem* rtr = op_handle(&op, 1);
+    if (old_arg >= 0) write_entry(&op, rtr, id, old_box, false);
+    if (new_arg >= 0) write_entry(&op, rtr, id, new_box, true);
+    flush(&op, rtr);
+  }
+  ZQ_OP_END(&op);
+}
+
 void free_rows(void* rows) {
   delete static_cast<zqcheck::NodeRows*>(rows);
 }
@@ -167,46 +187,17 @@ Datum zqrtree_drop(PG_FUNCTION_ARGS) {
 }
 
 Datum zqrtree_insert(PG_FUNCTION_ARGS) {
-  Op op;
-  zqpg::op_begin(&op, PG_GETARG_TEXT_PP(0), true);
-  const int64 id = PG_GETARG_INT64(1);
-  const rtr_rect box = zqpg::box_arg(PG_GETARG_ARRAYTYPE_P(2), op.dims);
-  ZQ_OP_TRY(&op) {
-    rtr_mem* rtr = zqpg::op_handle(&op, 1);
-    zqpg::write_entry(&op, rtr, id, box, true);
-    zqpg::flush(&op, rtr);
-  }
-  ZQ_OP_END(&op);
+  zqpg::change_entry(fcinfo, -1, 2);
   PG_RETURN_VOID();
 }
 
 Datum zqrtree_delete(PG_FUNCTION_ARGS) {
-  Op op;
-  zqpg::op_begin(&op, PG_GETARG_TEXT_PP(0), true);
-  const int64 id = PG_GETARG_INT64(1);
-  const rtr_rect box = zqpg::box_arg(PG_GETARG_ARRAYTYPE_P(2), op.dims);
-  ZQ_OP_TRY(&op) {
-    rtr_mem* rtr = zqpg::op_handle(&op, 1);
-    zqpg::write_entry(&op, rtr, id, box, false);
-    zqpg::flush(&op, rtr);
-  }
-  ZQ_OP_END(&op);
+  zqpg::change_entry(fcinfo, 2, -1);
   PG_RETURN_VOID();
 }
 
 Datum zqrtree_update(PG_FUNCTION_ARGS) {
-  Op op;
-  zqpg::op_begin(&op, PG_GETARG_TEXT_PP(0), true);
-  const int64 id = PG_GETARG_INT64(1);
-  const rtr_rect old_box = zqpg::box_arg(PG_GETARG_ARRAYTYPE_P(2), op.dims);
-  const rtr_rect new_box = zqpg::box_arg(PG_GETARG_ARRAYTYPE_P(3), op.dims);
-  ZQ_OP_TRY(&op) {
-    rtr_mem* rtr = zqpg::op_handle(&op, 1);
-    zqpg::write_entry(&op, rtr, id, old_box, false);
-    zqpg::write_entry(&op, rtr, id, new_box, true);
-    zqpg::flush(&op, rtr);
-  }
-  ZQ_OP_END(&op);
+  zqpg::change_entry(fcinfo, 2, 3);
   PG_RETURN_VOID();
 }
 

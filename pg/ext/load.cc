@@ -86,24 +86,9 @@ void put_current_entries(Loader* l) {
 }
 
 double number(Datum d, Oid type, bool* ok) {
-  *ok = true;
-  switch (type) {
-    case FLOAT8OID:
-      return DatumGetFloat8(d);
-    case FLOAT4OID:
-      return DatumGetFloat4(d);
-    case INT2OID:
-      return DatumGetInt16(d);
-    case INT4OID:
-      return DatumGetInt32(d);
-    case INT8OID:
-      return static_cast<double>(DatumGetInt64(d));
-    case NUMERICOID:
-      return DatumGetFloat8(DirectFunctionCall1(numeric_float8, d));
-    default:
-      *ok = false;
-      return 0;
-  }
+  double v = 0;
+  *ok = number_arg(d, type, &v);
+  return v;
 }
 
 // The query's row `n` as an entry.

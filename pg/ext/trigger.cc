@@ -45,22 +45,11 @@ int column(TupleDesc desc, const char* name) {
 double coordinate(HeapTuple tup, TupleDesc desc, int att, bool* null) {
   const Datum d = SPI_getbinval(tup, desc, att, null);
   if (*null) return 0;
-  switch (SPI_gettypeid(desc, att)) {
-    case FLOAT8OID:
-      return DatumGetFloat8(d);
-    case FLOAT4OID:
-      return DatumGetFloat4(d);
-    case INT4OID:
-      return DatumGetInt32(d);
-    case INT8OID:
-      return static_cast<double>(DatumGetInt64(d));
-    case NUMERICOID:
-      return DatumGetFloat8(DirectFunctionCall1(numeric_float8, d));
-    default:
-      ereport(ERROR, (errcode(ERRCODE_DATATYPE_MISMATCH),
-                      errmsg("zqrtree_trigger: column %d is not a number", att)));
-  }
-  return 0;
+  double v = 0;
+  if (!number_arg(d, SPI_gettypeid(desc, att), &v))
+    ereport(ERROR, (errcode(ERRCODE_DATATYPE_MISMATCH),
+                    errmsg("zqrtree_trigger: column %d is not a number", att)));
+  return v;
 }
 
 RowEntry entry_of(const Op& op, HeapTuple tup, TupleDesc desc, char** args, int nargs) {

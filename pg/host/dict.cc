@@ -52,7 +52,8 @@ bool table_open_for_op(zq_session* s, Table* t) {
     const Oid pk = RelationGetPrimaryKeyIndex(t->rel);
     if (OidIsValid(pk)) {
       t->pk = index_open(pk, mode);
-      t->pk_info = BuildIndexInfo(t->pk);
+      // Only index insertions need it, and reads are the common case.
+      if (s->write) t->pk_info = BuildIndexInfo(t->pk);
     }
     t->slot = table_slot_create(t->rel, nullptr);
     MemoryContextSwitchTo(old);
