@@ -7,6 +7,7 @@
 // Order: sorter and batch -> current entries (a reading handle, every entry)
 // -> the query through an SPI cursor, 1000 rows a fetch -> sort -> DELETE of
 // every node row -> build handle -> rtr_blkload.
+#include <algorithm>
 #include <cstring>
 
 #include "driver/index.h"
@@ -20,7 +21,6 @@ extern "C" {
 #include "catalog/pg_type_d.h"
 #include "executor/spi.h"
 #include "utils/builtins.h"
-#include "utils/hsearch.h"
 #include "utils/lsyscache.h"
 }
 
@@ -33,9 +33,11 @@ namespace {
 
 constexpr long kFetchRows = 1000;
 
-struct SeenId {
-  int64_t id;  // the hash key
-  bool indexed;
+// One entry's id and where it came from: row n of the query, 0 the index.
+struct IdRow {
+  int64_t id;
+  uint64_t row;
+  bool operator<(const IdRow& o) const { return id != o.id ? id < o.id : row < o.row; }
 };
 
 struct Loader {
@@ -44,29 +46,66 @@ struct Loader {
   zq_memobj* mem;
   zq_nsort* sorter;
   zq_bdta* batch;
-  HTAB* seen;
+  IdRow* ids;  // every entry's, in the operation's memory
+  uint64_t n_ids;
+  uint64_t cap_ids;
   uint64_t count;
 };
+
+void end_loader(void* arg) {
+  auto* l = static_cast<Loader*>(arg);
+  if (l->batch != nullptr) bdta3_free2(l->op->env, l->mem, l->batch);
+  if (l->sorter != nullptr) nsort_destory(l->op->env, l->sorter);
+  if (l->mem != nullptr) rt_memobj_destroy(l->op->env, l->mem);
+  l->batch = nullptr;
+  l->sorter = nullptr;
+  l->mem = nullptr;
+}
 
 void hand_over(Loader* l) {
   op_check(l->op, nsort_put_bdta(l->op->env, l->sorter, l->batch), "sorting the entries");
   bdta3_clear(l->op->env, l->mem, l->batch);
 }
 
-// One entry into the sorter; `where` names it for a duplicate.
-void put(Loader* l, int64_t id, const rtr_rect& box, bool indexed, const char* where) {
-  bool found = false;
-  auto* e = static_cast<SeenId*>(hash_search(l->seen, &id, HASH_ENTER, &found));
-  if (found)
-    ereport(ERROR, (errcode(ERRCODE_UNIQUE_VIOLATION),
-                    errmsg(e->indexed ? "%s: duplicate rowid %lld (already in index '%s')"
-                                      : "%s: duplicate rowid %lld in the input",
-                           where, static_cast<long long>(id), l->op->name)));
-  e->indexed = indexed;
+// One entry into the sorter; `row` is its query row, 0 for the index's.
+// Duplicates are looked for once all are read (find_duplicate): a set
+// probed per entry cost a cache miss each, a quarter of a large load.
+void put(Loader* l, int64_t id, const rtr_rect& box, uint64_t row) {
+  if (l->n_ids == l->cap_ids) {
+    l->cap_ids = l->cap_ids == 0 ? 4096 : 2 * l->cap_ids;
+    const size_t bytes = l->cap_ids * sizeof(IdRow);
+    l->ids = static_cast<IdRow*>(l->ids == nullptr ? MemoryContextAllocHuge(l->op->ctx, bytes)
+                                                   : repalloc_huge(l->ids, bytes));
+  }
+  l->ids[l->n_ids++] = IdRow{id, row};
   const uint16_t dims = static_cast<uint16_t>(l->op->dims);
   rtr_fill_one_row_nsort_bdta(l->op->env, l->mem, dims, id, &box, 0, l->batch);
   ++l->count;
   if (l->batch->n_rows == RTR_BDTA_ROWS) hand_over(l);
+}
+
+// ERROR 23505 for the id met a second time first, as a reader going through
+// the index's entries and then the query's rows would have met it.
+void find_duplicate(Loader* l) {
+  std::sort(l->ids, l->ids + l->n_ids);
+  const IdRow* first = nullptr;
+  const IdRow* again = nullptr;
+  for (uint64_t i = 1; i < l->n_ids; ++i) {
+    const IdRow& a = l->ids[i - 1];
+    const IdRow& b = l->ids[i];
+    if (a.id == b.id && (again == nullptr || b.row < again->row)) {
+      first = &a;
+      again = &b;
+    }
+  }
+  if (again == nullptr) return;
+  char where[48] = "the index";
+  if (again->row != 0)
+    snprintf(where, sizeof where, "query row %llu", static_cast<unsigned long long>(again->row));
+  ereport(ERROR, (errcode(ERRCODE_UNIQUE_VIOLATION),
+                  errmsg(first->row == 0 ? "%s: duplicate rowid %lld (already in index '%s')"
+                                         : "%s: duplicate rowid %lld in the input",
+                         where, static_cast<long long>(again->id), l->op->name)));
 }
 
 void put_current_entries(Loader* l) {
@@ -79,7 +118,7 @@ void put_current_entries(Loader* l) {
   while (rcur_is_end(&cur) == 0) {
     rtr_cell hit;
     op_check(op, rcur_column(op->env, &cur, &hit), "reading the current entries");
-    put(l, hit.id, hit.rect, true, "the index");
+    put(l, hit.id, hit.rect, 0);
     op_check(op, rcur_next(op->env, &cur), "reading the current entries");
   }
   op_drop_handle(op, rtr);
@@ -113,7 +152,7 @@ void put_row(Loader* l, HeapTuple tup, TupleDesc desc, uint64_t n) {
     if (null)
       ereport(ERROR, (errcode(ERRCODE_NULL_VALUE_NOT_ALLOWED), errmsg("%s: null box", where)));
     const rtr_rect r = box_arg(DatumGetArrayTypeP(box), dims);
-    put(l, id, r, false, where);
+    put(l, id, r, n);
     return;
   }
   for (int c = 0; c < 2 * dims; ++c) {
@@ -124,7 +163,7 @@ void put_row(Loader* l, HeapTuple tup, TupleDesc desc, uint64_t n) {
                       errmsg("%s: coordinate column %d is %s", where, c + 2,
                              null ? "null" : "not a number")));
   }
-  put(l, id, box_of(v, v + dims, dims), false, where);
+  put(l, id, box_of(v, v + dims, dims), n);
 }
 
 void put_query(Loader* l, const char* sql) {
@@ -176,6 +215,9 @@ extern "C" Datum zqrtree_load(PG_FUNCTION_ARGS) {
                            fill, zq::kMinFill)));
   zqpg::Loader l{};
   l.op = &op;
+  // A failed load's sorter may hold a temporary file: closed either way.
+  op.cleanup = zqpg::end_loader;
+  op.cleanup_arg = &l;
   ZQ_OP_TRY(&op) {
     const uint16_t dims = static_cast<uint16_t>(op.dims);
     l.mem = rt_memobj_heap_create_fast_ex(op.env, &l.storage, 64 * 1024, __FILE__, __LINE__);
@@ -183,14 +225,10 @@ extern "C" Datum zqrtree_load(PG_FUNCTION_ARGS) {
     zqpg::op_check(&op, rtr_sort_create(op.env, zqsess_sort_pool(op.s), l.mem, dims, &l.sorter),
                    "creating the sorter");
     zqpg::op_check(&op, rtr_sort_bdta_crt(op.env, l.mem, dims, &l.batch), "creating a sort batch");
-    HASHCTL ctl{};
-    ctl.keysize = sizeof(int64_t);
-    ctl.entrysize = sizeof(zqpg::SeenId);
-    ctl.hcxt = op.ctx;
-    l.seen = hash_create("zqrtree load ids", 1024, &ctl, HASH_ELEM | HASH_BLOBS | HASH_CONTEXT);
 
     zqpg::put_current_entries(&l);
     zqpg::put_query(&l, sql);
+    zqpg::find_duplicate(&l);
     if (l.batch->n_rows > 0) zqpg::hand_over(&l);
     if (l.count > 0) zqpg::op_check(&op, nsort_sort_it(op.env, l.sorter), "sorting the entries");
 
@@ -202,9 +240,6 @@ extern "C" Datum zqrtree_load(PG_FUNCTION_ARGS) {
     // The build does not report a failed move of its top node to node 1;
     // the error stack does.
     if (op.env->n_errs > 0) zqpg::op_fail(&op, RTR_ERR_NOT_FOUND, "moving the new root to node 1");
-    bdta3_free2(op.env, l.mem, l.batch);
-    nsort_destory(op.env, l.sorter);
-    rt_memobj_destroy(op.env, l.mem);
   }
   ZQ_OP_END(&op);
   PG_RETURN_INT64(static_cast<int64>(l.count));

@@ -63,6 +63,10 @@ void reset_session(Op* op) {
   op->s->op_ctx = nullptr;
   op->s->row_ctx = nullptr;
   op->s->snap = nullptr;
+  // No sorter outlives an operation: a failed one's share of the budget is
+  // given back here.
+  op->s->sort_pool = zq_sort_pool{};
+  op->s->sort_pool.session = op->s;
 }
 
 void destroy_handles(Op* op) {

@@ -10,6 +10,10 @@
 
 #include "pg/host/pghost.h"
 
+extern "C" {
+#include "miscadmin.h"
+}
+
 namespace zqpg {
 namespace {
 
@@ -118,3 +122,12 @@ zq_sort_pool* zqsess_sort_pool(zq_session* s) {
 }
 
 }  // extern "C"
+
+// The sorter (host/sort.cc, shared with the SQLite host) sorts within
+// work_mem, as PostgreSQL's own sorts do, and spills sorted runs beyond it.
+uint64_t zqhost_sort_pool_budget(const zq_sort_pool*) {
+  const uint64_t bytes = static_cast<uint64_t>(work_mem) * 1024;
+  return bytes > ZQHOST_SORT_MIN_BUDGET ? bytes : ZQHOST_SORT_MIN_BUDGET;
+}
+
+extern "C" {}  // extern "C"

@@ -35,6 +35,7 @@ extern "C" {
 #include "utils/snapshot.h"
 }
 
+#include "host/sort_pool.h"
 #include "zqhost/dict.h"
 #include "zqhost/env.h"
 #include "zqhost/hooks.h"
@@ -136,10 +137,6 @@ struct zq_env {
   uint32_t n_errs;  // pushes beyond kMaxErrs are counted, not kept
   zq_session* session;
   zq_ptx* active_ptx;  // innermost open mini-transaction
-};
-
-struct zq_sort_pool {
-  zq_session* session;
 };
 
 struct zq_session {
