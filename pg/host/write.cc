@@ -94,12 +94,15 @@ const PgRec* current(zq_session* s, Table* t, const nbtr_cur* cur, const zq_key*
   return *rc == 0 ? &st->rec : nullptr;
 }
 
-// Fixed-width columns of a row that this (sub)transaction wrote and nobody
-// has changed since are overwritten where they lie (WAL-logged), as the engine
-// interface's in-place update means: no other snapshot can see such a row,
-// so no new version is needed. A bulk build writes every node and then
-// points it at its parent; in place, that costs no second version and no
-// index entry. Sets *done when it applied; runs inside pg_call.
+// A row version that the current subtransaction wrote and nobody has
+// changed since is overwritten where it lies (WAL-logged) when the new row
+// has the same length, as the engine interface's in-place update means: no
+// other snapshot can see that version, and any rollback that would undo the
+// overwrite takes the version with it. A bulk build writes every node and
+// then points it at its parent; a long transaction rewrites the nodes near
+// the root again and again: in place, neither leaves a trail of versions
+// for every later lookup of the id to step over. Sets *done when it
+// applied; runs inside pg_call.
 void overwrite_own_row(Table* t, const PgRec* old, const NodeRow& r, bool* done) {
   HeapTupleData stored;
   stored.t_self = old->tid;
@@ -107,27 +110,28 @@ void overwrite_own_row(Table* t, const PgRec* old, const NodeRow& r, bool* done)
   if (!heap_fetch(t->rel, SnapshotAny, &stored, &buf, false)) return;
   const HeapTupleHeader h = stored.t_data;
   // The writer must be the current subtransaction itself, not an enclosing
-  // one: a rollback to a savepoint must take the row with the overwrite.
+  // one: a rollback to a savepoint must take the version with the overwrite.
   const TransactionId current = GetCurrentTransactionIdIfAny();
   const bool own = TransactionIdIsValid(current) &&
                    TransactionIdEquals(HeapTupleHeaderGetXmin(h), current) &&
                    (h->t_infomask & HEAP_XMAX_INVALID) != 0 &&
-                   !TransactionIdIsValid(HeapTupleHeaderGetRawXmax(h)) &&
-                   !HeapTupleHeaderIsHeapOnly(h) && !HeapTupleHeaderIsHotUpdated(h);
+                   !TransactionIdIsValid(HeapTupleHeaderGetRawXmax(h));
+  const uint32 len = stored.t_len;
   ReleaseBuffer(buf);
   if (!own) return;
   Datum id;
   HeapTuple tup = form_tuple(t, r, &id);
+  if (tup->t_len != len) return;
   tup->t_self = old->tid;
   heap_inplace_update(t->rel, tup);
   *done = true;
 }
 
 int32_t rewrite(zq_ptx* ptx, zq_session* s, Table* t, const PgRec* old, const NodeRow& r,
-                const char* func, bool fixed) {
+                const char* func) {
   const int32_t rc = write_row(s, t, func, [&] {
     bool done = false;
-    if (fixed) overwrite_own_row(t, old, r, &done);
+    overwrite_own_row(t, old, r, &done);
     if (done) return;
     Datum id;
     HeapTuple tup = form_tuple(t, r, &id);
@@ -242,7 +246,7 @@ int32_t zqpg_row_update_fixed(zq_ptx* ptx, zq_session* s, zq_table* table, zq_in
         return zqpg::kErrBadArg;  // only fixed-width columns are updated in place
     }
   }
-  return zqpg::rewrite(ptx, s, t, old, r, "zqpg_row_update_fixed", true);
+  return zqpg::rewrite(ptx, s, t, old, r, "zqpg_row_update_fixed");
 }
 
 int32_t zqpg_row_update_unfixed(zq_ptx* ptx, zq_session* s, zq_table* table, zq_index*,
@@ -255,7 +259,7 @@ int32_t zqpg_row_update_unfixed(zq_ptx* ptx, zq_session* s, zq_table* table, zq_
   const zq_value& cells = new_row->cols[zqpg::kColCells];
   const NodeRow r{old->rowid, new_row->cols[zqpg::kColLevel].u.i32,
                   new_row->cols[zqpg::kColParent].u.i64, zqpg::bytes_of(&cells), cells.len};
-  return zqpg::rewrite(ptx, s, t, old, r, "zqpg_row_update_unfixed", false);
+  return zqpg::rewrite(ptx, s, t, old, r, "zqpg_row_update_unfixed");
 }
 
 void zqpg_row_insert_failed(zq_env*, int32_t) {
