@@ -1,6 +1,8 @@
 // Memory from PostgreSQL memory contexts: plain blocks, scratch heaps, pools
 // and hash tables, all under the current operation's context, so whatever a
-// failed operation leaves behind goes with the statement's memory.
+// failed operation leaves behind goes with the statement's memory. Only the
+// handles' hash tables live in the backend's top context: every operation
+// destroys its handles, failed or not, and the last one freed is kept.
 //
 // A heap (zq_heap) is an AllocSet context of its own; a pool is one too, its
 // memory object allocated inside it and its blocks zero-filled (the library
@@ -11,9 +13,13 @@
 // Call order: mem_heap_create_low2 | rt_memobj_heap_create_fast_ex |
 // rt_memobj_mem2_pool_create_low -> obj->alloc / obj->free ->
 // rt_memobj_destroy. mem_malloc_ex / mem_free stand alone.
+#include <cstring>
+
 #include "pg/host/pghost.h"
 
 namespace {
+
+zq_hash* g_spare_hash = nullptr;  // a freed bucket array kept for the next handle
 
 MemoryContext context_of(zq_heap* heap) {
   return reinterpret_cast<MemoryContext>(heap);
@@ -123,18 +129,31 @@ void rt_memobj_destroy(zq_env*, zq_memobj* obj) {
   MemoryContextDelete(ctx);  // a pool's object goes with it
 }
 
-zq_hash* zq_hash_create(zq_env* env, uint32_t n_buckets, const char*, int) {
-  const size_t size = sizeof(zq_hash) + sizeof(void*) * static_cast<size_t>(n_buckets);
-  auto* hash = static_cast<zq_hash*>(
-      MemoryContextAllocExtended(op_context(env), size, MCXT_ALLOC_NO_OOM | MCXT_ALLOC_ZERO));
-  if (hash == nullptr) return nullptr;
-  hash->n_buckets = n_buckets;
-  hash->buckets = reinterpret_cast<void**>(hash + 1);
+zq_hash* zq_hash_create(zq_env*, uint32_t n_buckets, const char*, int) {
+  // Every handle asks for the same large bucket array: the backend keeps one
+  // for the next handle instead of allocating and faulting it in each time.
+  zq_hash* hash = g_spare_hash;
+  if (hash != nullptr && hash->n_buckets == n_buckets) {
+    g_spare_hash = nullptr;
+  } else {
+    const size_t size = sizeof(zq_hash) + sizeof(void*) * static_cast<size_t>(n_buckets);
+    hash = static_cast<zq_hash*>(
+        MemoryContextAllocExtended(TopMemoryContext, size, MCXT_ALLOC_NO_OOM));
+    if (hash == nullptr) return nullptr;
+    hash->n_buckets = n_buckets;
+    hash->buckets = reinterpret_cast<void**>(hash + 1);
+  }
+  memset(static_cast<void*>(hash->buckets), 0, sizeof(void*) * static_cast<size_t>(n_buckets));
   return hash;
 }
 
 void zq_hash_table_free(zq_env*, zq_hash* hash) {
-  if (hash != nullptr) pfree(hash);
+  if (hash == nullptr) return;
+  if (g_spare_hash == nullptr) {
+    g_spare_hash = hash;
+  } else {
+    pfree(hash);
+  }
 }
 
 }  // extern "C"
