@@ -67,14 +67,27 @@ rtr_rect box_arg(ArrayType* array, int dims) {
 }
 
 ArrayType* box_array(const rtr_rect& rect, int dims) {
+  // Laid out directly (one dimension, no nulls, lower bound 1): a large
+  // window returns thousands of boxes, and construct_array's general path
+  // cost more than the search.
+  const int n = 2 * dims;
+  const size_t data = ARR_OVERHEAD_NONULLS(1);
+  const size_t size = data + n * sizeof(double);
+  auto* a = static_cast<ArrayType*>(palloc(size));
+  SET_VARSIZE(a, size);
+  a->ndim = 1;
+  a->dataoffset = 0;
+  a->elemtype = FLOAT8OID;
+  ARR_DIMS(a)[0] = n;
+  ARR_LBOUND(a)[0] = 1;
+  auto* v = reinterpret_cast<double*>(ARR_DATA_PTR(a));
   const double mins[3] = {rect.min0, rect.min1, rect.min2};
   const double maxs[3] = {rect.max0, rect.max1, rect.max2};
-  Datum d[6];
   for (int k = 0; k < dims; ++k) {
-    d[k] = Float8GetDatum(mins[k]);
-    d[dims + k] = Float8GetDatum(maxs[k]);
+    v[k] = mins[k];
+    v[dims + k] = maxs[k];
   }
-  return construct_array(d, 2 * dims, FLOAT8OID, sizeof(double), FLOAT8PASSBYVAL, TYPALIGN_DOUBLE);
+  return a;
 }
 
 char* box_text(const rtr_rect& rect, int dims) {
