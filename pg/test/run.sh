@@ -13,6 +13,10 @@ if ! scripts/install-deps.sh pg; then
   echo "PostgreSQL suite skipped: PostgreSQL 15 cannot be installed here (see above)"
   exit 0
 fi
+if [ ! -w "$(pg_config --pkglibdir)" ] || [ ! -w "$(pg_config --sharedir)/extension" ]; then
+  echo "PostgreSQL suite skipped: the extension cannot be installed into $(pg_config --pkglibdir) by $(id -un) (run as root)"
+  exit 0
+fi
 # pg/ is configured only where pg_config is found: configure again now.
 cmake -S . -B "$build" >/dev/null
 cmake --build "$build" -j "${JOBS:-2}" --target pg_install
