@@ -19,7 +19,7 @@ if [ ! -w "$(pg_config --pkglibdir)" ] || [ ! -w "$(pg_config --sharedir)/extens
 fi
 # pg/ is configured only where pg_config is found: configure again now.
 cmake -S . -B "$build" >/dev/null
-cmake --build "$build" -j "${JOBS:-2}" --target pg_install
+cmake --build "$build" -j "${JOBS:-2}" --target pg_install zqrtree_engine_suite
 
 dir=$(mktemp -d /tmp/zqrtree-pg.XXXXXX)
 cleanup() {
@@ -40,4 +40,4 @@ if ! "$regress" --inputdir=pg --outputdir="$out" --host="$dir/primary" --port=54
   cat "$out/regression.diffs"
   exit 1
 fi
-/usr/bin/python3 pg/test/server_test.py "$dir"
+/usr/bin/python3 pg/test/server_test.py "$dir" "$build/pg/zqrtree_engine_suite.so"

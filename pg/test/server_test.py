@@ -4,8 +4,9 @@ rollback, writers serialised by the index's lock, crashes (pg_ctl stop -m
 immediate) during a bulk load and an insert batch, and a streaming replica.
 Every answer is compared with brute force over the table the index follows.
 
-usage: server_test.py DIR    (a cluster started by scripts/pg-cluster.sh in
-DIR/primary; the replica is made in DIR/replica)"""
+usage: server_test.py DIR [ENGINE_SUITE_SO]    (a cluster started by
+scripts/pg-cluster.sh in DIR/primary; the replica is made in DIR/replica;
+with the test module's path, the engine-interface suite runs first)"""
 import os
 import subprocess
 import sys
@@ -255,12 +256,30 @@ def test_replica(conn):
     subprocess.run([CLUSTER, "stop", REPLICA], check=True)
 
 
+def test_engine_suite(module):
+    """The cases of tests/engine/ inside a backend, in a database of their own
+    (the test module carries the host too, so the extension is not loaded)."""
+    admin = connect(db="postgres")
+    rows(admin, "DROP DATABASE IF EXISTS zqrtree_engine")
+    rows(admin, "CREATE DATABASE zqrtree_engine")
+    admin.close()
+    c = connect(db="zqrtree_engine")
+    rows(c, "CREATE FUNCTION zqrtree_engine_suite() RETURNS text AS %s LANGUAGE C", module)
+    for line in rows(c, "SELECT zqrtree_engine_suite()")[0][0].splitlines():
+        status, _, rest = line.partition(" ")
+        name, _, why = rest.partition(": ")
+        check(f"engine suite on PostgreSQL: {name}", status == "ok", why)
+    c.close()
+
+
 def pg_bindir():
     return subprocess.run(["pg_config", "--bindir"], capture_output=True, text=True,
                           check=True).stdout.strip()
 
 
 def main():
+    if len(sys.argv) > 2:
+        test_engine_suite(os.path.abspath(sys.argv[2]))
     admin = connect(db="postgres")
     rows(admin, f"DROP DATABASE IF EXISTS {DB}")
     rows(admin, f"CREATE DATABASE {DB}")
