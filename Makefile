@@ -4,7 +4,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build build-asan test test-fast test-asan test-tsan fuzz-smoke demo package format bench bench-quick soak fuzz clean
+.PHONY: all deps build build-asan test test-fast test-asan test-tsan test-pg fuzz-smoke demo package format bench bench-quick soak fuzz clean
 
 all: build
 
@@ -25,8 +25,9 @@ build-asan: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 # The whole suite: the normal build, ASan+UBSan, the concurrency test under
-# ThreadSanitizer, and each fuzz target for a few seconds.
-test: test-fast test-asan test-tsan fuzz-smoke
+# ThreadSanitizer, each fuzz target for a few seconds, and the PostgreSQL
+# extension against a throwaway cluster.
+test: test-fast test-asan test-tsan fuzz-smoke test-pg
 
 fuzz-smoke:
 	$(MAKE) fuzz FUZZ_SECONDS=10
@@ -37,6 +38,12 @@ test-fast: build
 test-asan: build-asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS)
+
+# The PostgreSQL extension: pg_regress and the server tests (two sessions,
+# crashes, a streaming replica) against a throwaway cluster; skipped with a
+# message where PostgreSQL cannot be installed.
+test-pg: build
+	JOBS=$(JOBS) pg/test/run.sh $(BUILD)
 
 # Readers beside a writer on one database, under ThreadSanitizer: only what
 # the concurrency test needs is built.

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, tests and benchmarks need, and only
-# those that are missing. Usage: scripts/install-deps.sh [core|bench|fuzz|all]
+# those that are missing. Usage: scripts/install-deps.sh [core|bench|fuzz|pg|all]
 set -euo pipefail
 
 core=(cmake make g++ pkg-config libsqlite3-dev sqlite3 libgtest-dev libgmock-dev
@@ -8,13 +8,16 @@ core=(cmake make g++ pkg-config libsqlite3-dev sqlite3 libgtest-dev libgmock-dev
       python3-venv python3-setuptools python3-wheel python3-pip)
 bench=(libbenchmark-dev libspatialindex-dev libboost-dev)
 fuzz=(clang libclang-rt-14-dev)
+# The PostgreSQL extension, its server tests (psycopg2) and the PostGIS peer.
+pg=(postgresql-15 postgresql-server-dev-15 postgresql-15-postgis-3 python3-psycopg2)
 
 case "${1:-core}" in
   core) want=("${core[@]}") ;;
   bench) want=("${core[@]}" "${bench[@]}") ;;
   fuzz) want=("${core[@]}" "${fuzz[@]}") ;;
-  all) want=("${core[@]}" "${bench[@]}" "${fuzz[@]}") ;;
-  *) echo "usage: $0 [core|bench|fuzz|all]" >&2; exit 2 ;;
+  pg) want=("${core[@]}" "${pg[@]}") ;;
+  all) want=("${core[@]}" "${bench[@]}" "${fuzz[@]}" "${pg[@]}") ;;
+  *) echo "usage: $0 [core|bench|fuzz|pg|all]" >&2; exit 2 ;;
 esac
 
 missing=()
