@@ -232,7 +232,7 @@ class Run {
       return zq::Status::ok();
     });
     std::string problem;
-    if (s) s = index_.verify_base(&problem);
+    if (s) s = index_.verify_rowids(&problem);
     return s;
   }
 
