@@ -35,8 +35,6 @@ struct Cursor : sqlite3_vtab_cursor {
   HandleRef handle;  // the kept handle the scan reads through
   std::unique_ptr<zq::Scan> scan;
   std::unique_ptr<PendingScan> pending;
-  // Kept from one search to the next: a join asks for the nearest rows of
-  // every outer row, and the library cursor keeps its queue memory.
   std::unique_ptr<NearestRows> nearest;
   zq::Entry entry;
   double distance = 0;  // the current row's, in kNearest
@@ -270,7 +268,7 @@ int start_nearest(Cursor* c, const Plan& plan, sqlite3_value** argv) {
     if (type == SQLITE_NULL || max_distance < 0) return SQLITE_OK;
   }
   if (int rc = take_handle(c); rc != SQLITE_OK) return rc;
-  if (c->nearest == nullptr) c->nearest = std::make_unique<NearestRows>(c->table);
+  c->nearest = std::make_unique<NearestRows>(c->table);
   if (zq::Status s = c->nearest->open(c->handle.get(), c->query, k, max_distance, c->merge); !s)
     return cursor_fail(c, s.message());
   c->phase = Cursor::Phase::kNearest;
@@ -303,7 +301,10 @@ int x_close(sqlite3_vtab_cursor* cur) {
 int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_value** argv) {
   Cursor* c = cursor_of(cur);
   Table* t = c->table;
+  // Each search starts afresh: a refresh below may replace the session, and
+  // the memory the library cursors hold goes with its environment.
   c->scan.reset();
+  c->nearest.reset();
   c->handle.reset();
   c->pending.reset();
   c->phase = Cursor::Phase::kDone;

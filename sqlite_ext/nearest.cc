@@ -1,7 +1,7 @@
 // Nearest-neighbour searches of the table-valued form, t('nearest', box[, k]).
 //
-// Call order: open -> (current, next)* until at_end; open again for the next
-// outer row of a join, which keeps the library cursor's queue memory.
+// Call order: open -> (current, next)* until at_end; a join opens one per
+// outer row, on the same kept handle.
 //
 // Two ordered streams meet here: the tree's entries through the driver's
 // NearestScan (on the transaction's handle or the kept reading handle), and,
