@@ -1,6 +1,7 @@
 # ctest: every built system must return the oracle's rowids on small
 # workloads of every generator, 2-D and 3-D, boxes and points, before and
-# after deletes, through the library path and, for our extension and
+# after deletes, nearest neighbours (k = 1, 10, 100) as far as each system
+# promises them, through the library path and, for our extension and
 # SQLite's R*Tree, through the SQL path (one round). Nothing here is timed:
 # bench_compare exits non-zero on any MISMATCH or failed runner, and so
 # does this test.
@@ -15,6 +16,7 @@ foreach(job "uniform;boxes;2" "clustered;boxes;2" "parcel;boxes;2" "diagonal;poi
   set(file ${WORK}/${dist}-${kind}-${dims}d.wl)
   execute_process(COMMAND ${BIN}/bench_gen --out ${file} --dist ${dist} --kind ${kind}
                           --dims ${dims} --n 3000 --queries 0.00001:50,0.0001:50,0.01:10
+                          --nearest 1:50,10:50,100:20
                           --deletes 0.2
                   RESULT_VARIABLE rc)
   if(NOT rc EQUAL 0)

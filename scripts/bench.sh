@@ -53,6 +53,7 @@ if [ "$mode" = quick ]; then
   out="$build/bench-quick"
   n=5000
   queries="0.00001:500,0.0001:500,0.01:30"
+  nearest="1:500,10:500,100:200"
   deletes=0.1
   timeout=60
   systems="sqlite:file,sqlite:memory,zq:bulk-file,zq:incr-file,zq:bulk-memory,zq:incr-memory"
@@ -62,6 +63,7 @@ else
   out="$root/bench/results"
   n=1000000
   queries="0.00001:5000,0.0001:5000,0.01:200"
+  nearest="1:5000,10:5000,100:2000"
   deletes=0.02
   timeout=600
   systems="sqlite:file,zq:bulk-file,zq:incr-file,sidx:mem-str,boost:rstar,boost:pack,brute:scan"
@@ -74,7 +76,8 @@ gen() {  # gen NAME ARGS... -> adds $work/NAME.wl, or says why it is skipped
   local file="$work/$1.wl"
   shift
   local rc=0
-  "$bin/bench_gen" --out "$file" --queries "$queries" --deletes "$deletes" "$@" || rc=$?
+  "$bin/bench_gen" --out "$file" --queries "$queries" --nearest "$nearest" --deletes "$deletes" \
+    "$@" || rc=$?
   if [ "$rc" -eq 0 ]; then
     workloads+=("$file")
   elif [ "$rc" -eq 3 ]; then

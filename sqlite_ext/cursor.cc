@@ -5,11 +5,13 @@
 // and the full scan as a search that every entry matches, walk the tree
 // through the driver's Scan (every hit rechecked on all axes); in deferred
 // mode they skip hits whose rowid has a pending change and then add the
-// matching pending inserts.
-// Phases in order: kRow, or kTree then kPending; kDone at the end.
+// matching pending inserts. A table-valued search with the operator
+// 'nearest' reads its rows through NearestRows (nearest.cc) instead.
+// Phases in order: kRow, or kTree then kPending, or kNearest; kDone at the end.
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -20,20 +22,26 @@ namespace zqext {
 namespace {
 
 struct Cursor : sqlite3_vtab_cursor {
-  enum class Phase { kRow, kTree, kPending, kDone };
+  enum class Phase { kRow, kTree, kPending, kNearest, kDone };
 
   explicit Cursor(Table* t) : table(t) {}
-  ~Cursor() { sqlite3_value_free(op_arg); }
+  ~Cursor() {
+    sqlite3_value_free(op_arg);
+    sqlite3_value_free(k_arg);
+  }
 
   Table* table;
   Phase phase = Phase::kDone;
   HandleRef handle;  // the kept handle the scan reads through
   std::unique_ptr<zq::Scan> scan;
   std::unique_ptr<PendingScan> pending;
+  std::unique_ptr<NearestRows> nearest;
   zq::Entry entry;
+  double distance = 0;  // the current row's, in kNearest
   uint32_t op = 0;
   zq::Box query;
   sqlite3_value* op_arg = nullptr;  // a table-valued search's operator, as given
+  sqlite3_value* k_arg = nullptr;   // and its zq_k
   bool has_args = false;
   bool merge = false;  // deferred changes wait: skip stale hits, add pending inserts
   // Exact sides whose bounds crossed over: the search box no longer says
@@ -79,10 +87,8 @@ int start_rowid(Cursor* c, sqlite3_value* arg) {
   return SQLITE_OK;
 }
 
-// The box and operator of a table-valued search, as the user gave them.
-int read_query_args(Cursor* c, sqlite3_value** argv) {
-  std::string error;
-  if (!parse_op_value(argv[0], &c->op, &error)) return cursor_fail(c, error);
+// The box of a table-valued search, after its operator.
+int read_box_args(Cursor* c, sqlite3_value** argv) {
   c->op_arg = sqlite3_value_dup(argv[0]);
   for (int j = 0; j < 2 * c->table->dims(); ++j) {
     double v = 0;
@@ -187,7 +193,9 @@ int settle(Cursor* c) {
   return SQLITE_OK;
 }
 
-int start_tree(Cursor* c) {
+// The handle a search reads the tree through, and whether deferred changes
+// wait to be merged in.
+int take_handle(Cursor* c) {
   Table* t = c->table;
   c->merge = t->deferred() && has_pending(*t);
   if (c->merge)
@@ -197,10 +205,85 @@ int start_tree(Cursor* c) {
   zq::Status s;
   c->handle = t->txn.active() ? t->txn.handle(&s) : t->reader.get(&s);
   if (!s) return cursor_fail(c, s.message());
-  c->scan = std::make_unique<zq::Scan>(t->index);
-  if (s = c->scan->open(c->op, c->query, c->handle.get()); !s) return cursor_fail(c, s.message());
+  return SQLITE_OK;
+}
+
+int start_tree(Cursor* c) {
+  if (int rc = take_handle(c); rc != SQLITE_OK) return rc;
+  c->scan = std::make_unique<zq::Scan>(c->table->index);
+  if (zq::Status s = c->scan->open(c->op, c->query, c->handle.get()); !s)
+    return cursor_fail(c, s.message());
   c->phase = Cursor::Phase::kTree;
   return settle(c);
+}
+
+int settle_nearest(Cursor* c) {
+  if (c->nearest->at_end()) {
+    c->phase = Cursor::Phase::kDone;
+    return SQLITE_OK;
+  }
+  c->entry = c->nearest->current().entry;
+  c->distance = c->nearest->current().distance;
+  return SQLITE_OK;
+}
+
+// zq_k: a whole number of 0 or more, as an integer or any number SQLite
+// would compare as one.
+bool read_count(sqlite3_value* v, uint64_t* k) {
+  if (sqlite3_value_numeric_type(v) == SQLITE_INTEGER) {
+    const sqlite3_int64 n = sqlite3_value_int64(v);
+    *k = static_cast<uint64_t>(n);
+    return n >= 0;
+  }
+  double d = 0;
+  if (!numeric(v, &d) || d != std::floor(d) || d < 0 || d >= 0x1p63) return false;
+  *k = static_cast<uint64_t>(d);
+  return true;
+}
+
+// t('nearest', box[, k]), with `distance <= v` (or `<`) when the query has
+// one. SQLite tests that bound on every row itself, so the search stops at
+// it only where SQLite would refuse what lies beyond: a number bounds the
+// distance, NULL (and a negative number) admits no row, and text or a blob
+// sorts above every number and admits all.
+int start_nearest(Cursor* c, const Plan& plan, sqlite3_value** argv) {
+  const int n_box = 2 * c->table->dims();
+  if (int rc = read_box_args(c, argv); rc != SQLITE_OK) return rc;
+  uint64_t k = 0;
+  if (plan.has_k) {
+    c->k_arg = sqlite3_value_dup(argv[1 + n_box]);
+    if (!read_count(argv[1 + n_box], &k)) {
+      const unsigned char* text = sqlite3_value_text(argv[1 + n_box]);
+      return cursor_fail(c, std::string("zq_k ") +
+                                (text != nullptr ? reinterpret_cast<const char*>(text) : "NULL") +
+                                " is not a whole number of 0 or more");
+    }
+    if (k == 0) return SQLITE_OK;
+  }
+  double max_distance = std::numeric_limits<double>::infinity();
+  if (plan.has_limit) {
+    sqlite3_value* bound = argv[1 + n_box + (plan.has_k ? 1 : 0)];
+    const int type = sqlite3_value_type(bound);
+    if (type == SQLITE_INTEGER || type == SQLITE_FLOAT) max_distance = sqlite3_value_double(bound);
+    if (type == SQLITE_NULL || max_distance < 0) return SQLITE_OK;
+  }
+  if (int rc = take_handle(c); rc != SQLITE_OK) return rc;
+  c->nearest = std::make_unique<NearestRows>(c->table);
+  if (zq::Status s = c->nearest->open(c->handle.get(), c->query, k, max_distance, c->merge); !s)
+    return cursor_fail(c, s.message());
+  c->phase = Cursor::Phase::kNearest;
+  return settle_nearest(c);
+}
+
+// A window search's operator and box; a nearest search's count is refused.
+int start_query(Cursor* c, const Plan& plan, sqlite3_value** argv) {
+  if (is_nearest_op(argv[0])) return start_nearest(c, plan, argv);
+  std::string error;
+  if (!parse_op_value(argv[0], &c->op, &error)) return cursor_fail(c, error);
+  if (plan.has_k)
+    return cursor_fail(c, "zq_k, a count of neighbours, goes with the operator 'nearest' only");
+  if (int rc = read_box_args(c, argv); rc != SQLITE_OK) return rc;
+  return start_tree(c);
 }
 
 }  // namespace
@@ -218,12 +301,17 @@ int x_close(sqlite3_vtab_cursor* cur) {
 int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_value** argv) {
   Cursor* c = cursor_of(cur);
   Table* t = c->table;
+  // Each search starts afresh: a refresh below may replace the session, and
+  // the memory the library cursors hold goes with its environment.
   c->scan.reset();
+  c->nearest.reset();
   c->handle.reset();
   c->pending.reset();
   c->phase = Cursor::Phase::kDone;
   sqlite3_value_free(c->op_arg);
+  sqlite3_value_free(c->k_arg);
   c->op_arg = nullptr;
+  c->k_arg = nullptr;
   c->has_args = false;
   c->query = zq::Box{};
   const Plan plan = decode_plan(idx_num);
@@ -236,8 +324,7 @@ int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_va
     case Plan::kRowid:
       return start_rowid(c, argv[0]);
     case Plan::kQuery:
-      if (int rc = read_query_args(c, argv); rc != SQLITE_OK) return rc;
-      return start_tree(c);
+      return start_query(c, plan, argv);
     case Plan::kRange:
       if (!read_range_args(c, plan, argv)) {
         c->phase = Cursor::Phase::kDone;
@@ -259,6 +346,9 @@ int x_next(sqlite3_vtab_cursor* cur) {
       return settle(c);
     case Cursor::Phase::kPending:
       return settle(c);
+    case Cursor::Phase::kNearest:
+      if (zq::Status s = c->nearest->next(); !s) return cursor_fail(c, s.message());
+      return settle_nearest(c);
     case Cursor::Phase::kDone:
       break;
   }
@@ -277,6 +367,10 @@ int x_column(sqlite3_vtab_cursor* cur, sqlite3_context* ctx, int col) {
   } else if (col < t.op_column()) {
     const int k = (col - 1) / 2;
     sqlite3_result_double(ctx, (col - 1) % 2 == 0 ? c->entry.box.min[k] : c->entry.box.max[k]);
+  } else if (col == t.distance_column()) {
+    if (c->phase == Cursor::Phase::kNearest) sqlite3_result_double(ctx, c->distance);
+  } else if (col == t.k_column()) {
+    if (c->k_arg != nullptr) sqlite3_result_value(ctx, c->k_arg);
   } else if (!c->has_args) {
     sqlite3_result_null(ctx);
   } else if (col == t.op_column()) {

@@ -9,7 +9,10 @@
  *   0                  id (the rowid)
  *   1 + 2k, 2 + 2k     min and max of axis k, under the user's names
  *   1 + 2d             zq_op     hidden: the operator of a table-valued search
- *   2 + 2d + j         zq_min0, zq_max0, ... hidden: its search box */
+ *   2 + 2d + j         zq_min0, zq_max0, ... hidden: its search box
+ *   2 + 4d             zq_k      hidden: how many neighbours a nearest search gives
+ *   3 + 4d             distance  hidden: a nearest search's distance (zq_distance
+ *                                when a user column takes the name) */
 #ifndef ZQ_SQLITE_EXT_EXT_H
 #define ZQ_SQLITE_EXT_EXT_H
 
@@ -78,6 +81,8 @@ struct Table : sqlite3_vtab {
   int dims() const { return index.dims(); }
   int op_column() const { return 1 + 2 * dims(); }
   int first_arg_column() const { return 2 + 2 * dims(); }
+  int k_column() const { return 2 + 4 * dims(); }
+  int distance_column() const { return 3 + 4 * dims(); }
   std::string key() const { return lower(schema) + "." + lower(name); }
   std::string label() const { return "zqrtree table " + quote(name); }
 };
@@ -120,12 +125,17 @@ struct Plan {
   uint32_t slots = 0;      // kRange: bit 2k bounds axis k from below, 2k+1 from above
   uint32_t eq_copies = 0;  // kRange: bit k copies axis k's lower bound into its upper
   uint32_t exact = 0;      // kRange: the sides whose constraint SQLite leaves to us
+  bool has_k = false;      // kQuery: zq_k follows the box among the arguments
+  bool has_limit = false;  // kQuery: then a bound `distance <= v` (or `<`)
 };
 Plan decode_plan(int idx_num);
 // The operator of a table-valued search: an integer of operator bits, or names
 // such as "intersect", "within|intersect" (all must hold) or
 // "or(within|equal)" (any may hold). false with *error set.
 bool parse_op_value(sqlite3_value* value, uint32_t* op, std::string* error);
+// Whether a table-valued search's operator is 'nearest' (any case, spaces
+// ignored): a nearest-neighbour search rather than a window search.
+bool is_nearest_op(sqlite3_value* value);
 
 // ---- cursor.cc ----
 
@@ -137,6 +147,47 @@ int x_next(sqlite3_vtab_cursor* cur);
 int x_eof(sqlite3_vtab_cursor* cur);
 int x_column(sqlite3_vtab_cursor* cur, sqlite3_context* ctx, int col);
 int x_rowid(sqlite3_vtab_cursor* cur, sqlite3_int64* rowid);
+
+// ---- nearest.cc: nearest-neighbour searches ----
+
+// The rows of a nearest-neighbour search in order of distance, then rowid:
+// the tree's entries through the driver's NearestScan and, in deferred mode,
+// the pending inserts merged in by distance with stale tree hits skipped, so
+// the answers are those of direct mode.
+class NearestRows {
+ public:
+  explicit NearestRows(Table* t) : t_(t), scan_(t->index) {}
+  NearestRows(const NearestRows&) = delete;
+  NearestRows& operator=(const NearestRows&) = delete;
+
+  // Starts a search of at most `k` rows (0: as many as are read) no farther
+  // than `max_distance`, on the tree of `handle` (kept alive by the caller);
+  // `merge` when deferred changes wait.
+  zq::Status open(rtr_mem* handle, const zq::Box& query, uint64_t k, double max_distance,
+                  bool merge);
+  bool at_end() const { return pos_ >= group_.size(); }
+  zq::Status next();
+  const zq::Neighbour& current() const { return group_[pos_]; }  // while !at_end()
+
+ private:
+  zq::Status load_pending(const zq::Box& query, double max_distance);
+  zq::Status pull_tree();
+  const zq::Neighbour* head() const;  // the nearer of the two streams' next rows
+  zq::Status drop_head();
+  zq::Status fill();
+
+  Table* t_;
+  zq::NearestScan scan_;
+  bool merge_ = false;
+  bool scan_taken_ = false;             // the scan's current row went to tree_head_
+  bool tree_ready_ = false;             // tree_head_ holds the tree's next row
+  zq::Neighbour tree_head_;             // read ahead of the merge
+  std::vector<zq::Neighbour> pending_;  // pending inserts in reach, nearest last
+  std::vector<zq::Neighbour> group_;    // rows of one distance, in rowid order
+  size_t pos_ = 0;                      // the current row in group_
+  uint64_t k_ = 0;                      // rows wanted; 0: no count
+  uint64_t delivered_ = 0;              // rows put in groups so far
+};
 
 // ---- write.cc: changes inside the running statement ----
 

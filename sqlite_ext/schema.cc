@@ -87,7 +87,10 @@ std::string declared_schema(const Declaration& d) {
   sql += ", zq_op HIDDEN";
   for (int k = 0; k < d.dims; ++k)
     sql += ", zq_min" + std::to_string(k) + " HIDDEN, zq_max" + std::to_string(k) + " HIDDEN";
-  return sql + ")";
+  // Coordinates may be named freely; a user's own `distance` keeps its name.
+  bool taken = false;
+  for (const std::string& c : d.columns) taken |= lower(c) == "distance";
+  return sql + ", zq_k HIDDEN, " + (taken ? "zq_distance" : "distance") + " HIDDEN)";
 }
 
 int refuse(char** err, const std::string& name, const std::string& why) {

@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -118,6 +120,98 @@ std::string run_verify_set(const Workload& w, Report& report, const QueryFn& que
   std::string err = run_query_set(w, w.verify_set, &hits, query);
   if (err.empty()) report.hits("hits_del", hits);
   return err;
+}
+
+namespace {
+
+uint64_t mix(uint64_t z) {
+  z += 0x9e3779b97f4a7c15ull;
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
+  return z ^ (z >> 31);
+}
+
+// One item of a digest: what it is (a, b) within which query (q).
+int64_t item(uint64_t q, uint64_t a, uint64_t b) {
+  return static_cast<int64_t>(mix(mix(mix(q) ^ a) ^ b));
+}
+
+struct Measured {
+  double d2;
+  int64_t id;
+  bool operator<(const Measured& o) const { return d2 < o.d2 || (d2 == o.d2 && id < o.id); }
+};
+
+struct NearestDigests {
+  Hits dist, near, rank, ties;
+};
+
+std::string digest_answer(uint64_t q, const Box& point, uint32_t k,
+                          const std::vector<Entry>& answer, int dims, Ties ties,
+                          NearestDigests* d) {
+  std::vector<Measured> m;
+  m.reserve(answer.size());
+  for (const Entry& e : answer) m.push_back({dist2(e.box, point, dims), e.id});
+  if (ties == Ties::kOrdered)
+    for (size_t i = 0; i < m.size(); ++i) d->rank.add(item(q, i, static_cast<uint64_t>(m[i].id)));
+  std::sort(m.begin(), m.end(), [](const Measured& a, const Measured& b) { return a.id < b.id; });
+  for (size_t i = 1; i < m.size(); ++i)
+    if (m[i].id == m[i - 1].id)
+      return "nearest query " + std::to_string(q) + ": rowid " + std::to_string(m[i].id) + " twice";
+  std::sort(m.begin(), m.end());
+  const size_t n = std::min<size_t>(k, m.size());
+  if (n == 0) return "";
+  const double kth = m[n - 1].d2;
+  size_t at_kth = 0;
+  for (size_t i = 0; i < n; ++i) {
+    uint64_t bits = 0;
+    std::memcpy(&bits, &m[i].d2, sizeof bits);
+    d->dist.add(item(q, i, bits));
+    if (m[i].d2 < kth)
+      d->near.add(item(q, 1, static_cast<uint64_t>(m[i].id)));
+    else
+      ++at_kth;
+    if (ties == Ties::kAll) d->rank.add(item(q, i, static_cast<uint64_t>(m[i].id)));
+  }
+  d->near.add(item(q, 2, at_kth));
+  if (ties != Ties::kAll) return "";
+  size_t tied = 0;
+  for (size_t i = n; i < m.size(); ++i) {
+    if (std::sqrt(m[i].d2) != std::sqrt(kth))
+      return "nearest query " + std::to_string(q) + ": rowid " + std::to_string(m[i].id) +
+             " lies beyond the k-th distance";
+    tied += m[i].d2 == kth ? 1 : 0;
+  }
+  d->ties.add(item(q, 3, tied));
+  return "";
+}
+
+}  // namespace
+
+std::string run_nearest_sets(const Workload& w, Report& report, Ties ties, const NearestFn& query) {
+  for (size_t s = 0; s < w.nearest.size(); ++s) {
+    const NearestSet& set = w.nearest[s];
+    std::vector<std::vector<Entry>> answers(set.points.size());
+    for (std::vector<Entry>& a : answers) a.reserve(set.k);
+    Stopwatch clock;
+    for (size_t q = 0; q < set.points.size(); ++q) {
+      std::string err = query(set.points[q], set.k, &answers[q]);
+      if (!err.empty()) return err;
+    }
+    const double secs = clock.seconds();
+    const std::string suffix = "." + std::to_string(s);
+    report.value("nn_per_s" + suffix, secs > 0 ? set.points.size() / secs : 0);
+    NearestDigests d;
+    for (size_t q = 0; q < answers.size(); ++q) {
+      std::string err = digest_answer(q, set.points[q], set.k, answers[q], w.dims, ties, &d);
+      if (!err.empty()) return err;
+    }
+    report.hits("nhits_dist" + suffix, d.dist);
+    report.hits("nhits_near" + suffix, d.near);
+    if (ties != Ties::kAny) report.hits("nhits_rank" + suffix, d.rank);
+    if (ties == Ties::kAll) report.hits("nhits_ties" + suffix, d.ties);
+  }
+  return "";
 }
 
 long peak_rss_kb() {

@@ -11,7 +11,8 @@
 //   <key> <value> [<value>]
 // Keys: build_bulk_s, build_incr_s, insert_per_s, q_per_s.<set>,
 // hits.<set> <count> <digest>, nodes_per_q.<set>, delete_per_s,
-// hits_del <count> <digest>, size_bytes, base_rss_kb, note <text>,
+// hits_del <count> <digest>, nn_per_s.<set>, nhits_<what>.<set> <count>
+// <digest> (see run_nearest_sets), size_bytes, base_rss_kb, note <text>,
 // version <text>; a runner that times one phase per process (the SQL path)
 // gives it as wall_s, cpu_s and ops (rows or queries).
 // Anything on standard error is for people. A failure exits non-zero.
@@ -96,6 +97,33 @@ std::string run_query_sets(const Workload& w, Report& report, const QueryFn& que
 std::string run_query_set(const Workload& w, size_t set, Hits* hits, const QueryFn& query);
 // Runs the workload's verify set once, untimed, and reports hits_del.
 std::string run_verify_set(const Workload& w, Report& report, const QueryFn& query);
+
+// One nearest-neighbour query: the entries (rowid and box) a system answers
+// with for the k entries nearest to `point`, in the order it gives them.
+using NearestFn = std::function<std::string(const Box& point, uint32_t k, std::vector<Entry>* out)>;
+
+// What a system's nearest-neighbour answer promises besides holding k
+// entries with none left out that is nearer than the farthest of them.
+enum class Ties {
+  kOrdered,  // exactly the first k by (distance, rowid), in that order: ours
+  kAll,      // also every further entry at the k-th distance, in any order:
+             // libspatialindex (which compares roots of squared distances), the oracle
+  kAny,      // any k of the entries tied at the k-th distance, in any order: Boost
+};
+
+// Times each nearest-neighbour set (nn_per_s.<set>), keeping the answers;
+// then, with the clock stopped, measures every answer's entries alike
+// (dist2) and reports digests that the comparison holds against the
+// oracle's, as much of each as the system promises:
+//   nhits_dist.<set>  the k smallest distances, by rank (every system)
+//   nhits_near.<set>  the rowids nearer than the k-th distance, and how many
+//                     of the k lie at it (every system)
+//   nhits_rank.<set>  the first k rowids by (distance, rowid), by rank; for
+//                     kOrdered in the order given, for kAll once sorted
+//   nhits_ties.<set>  how many entries past the k lie at the k-th distance (kAll)
+// An answer holding a rowid twice, or (kAll) an entry past the k beyond the
+// k-th distance, is an error.
+std::string run_nearest_sets(const Workload& w, Report& report, Ties ties, const NearestFn& query);
 
 // Peak resident set of this process so far, in kilobytes.
 long peak_rss_kb();

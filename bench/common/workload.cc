@@ -11,7 +11,7 @@
 namespace zqbench {
 namespace {
 
-constexpr char kMagic[8] = {'Z', 'Q', 'B', 'W', 'L', '0', '1', '\0'};
+constexpr char kMagic[8] = {'Z', 'Q', 'B', 'W', 'L', '0', '2', '\0'};
 
 struct FileCloser {
   void operator()(FILE* f) const { std::fclose(f); }
@@ -81,6 +81,13 @@ std::string write_workload(const std::string& path, const Workload& w) {
   out.put(static_cast<uint64_t>(w.deletes.size()));
   for (uint64_t pos : w.deletes) out.put(pos);
   out.put(w.verify_set);
+  out.put(static_cast<uint32_t>(w.nearest.size()));
+  for (const NearestSet& s : w.nearest) {
+    out.put(s.k);
+    out.put(static_cast<uint64_t>(s.points.size()));
+    for (const Box& p : s.points)
+      for (int k = 0; k < w.dims; ++k) out.put(p.lo[k]);
+  }
   if (!out.ok() || std::fflush(f.get()) != 0) return path + ": write failed";
   return "";
 }
@@ -128,6 +135,20 @@ std::string read_workload(const std::string& path, Workload* w) {
   for (uint64_t& pos : w->deletes)
     if (!in.get(&pos) || pos >= n) return bad;
   if (!in.get(&w->verify_set) || (n_sets > 0 && w->verify_set >= n_sets)) return bad;
+
+  uint32_t n_nearest = 0;
+  if (!in.get(&n_nearest) || n_nearest > 64) return bad;
+  w->nearest.assign(n_nearest, NearestSet{});
+  for (NearestSet& s : w->nearest) {
+    uint64_t count = 0;
+    if (!in.get(&s.k) || !in.get(&count) || count > file_size / (8ull * dims)) return bad;
+    s.points.assign(count, Box{});
+    for (Box& p : s.points)
+      for (int k = 0; k < w->dims; ++k) {
+        if (!in.get(&p.lo[k])) return bad;
+        p.hi[k] = p.lo[k];
+      }
+  }
   return "";
 }
 

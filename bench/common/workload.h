@@ -3,7 +3,7 @@
 // bench_gen and read by every runner, so all systems see the same doubles.
 //
 // File layout (native byte order, no padding):
-//   char[8]  magic "ZQBWL01\0"
+//   char[8]  magic "ZQBWL02\0"
 //   u32      dims (1 .. 3)
 //   u32      name length, then that many bytes (the data set's label)
 //   u64      n entries, then per entry: i64 id, dims doubles min, dims doubles max
@@ -11,6 +11,8 @@
 //            (dims doubles min, dims doubles max)
 //   u64      deletes, then that many u64 positions into the entries
 //   u32      the query set run again after the deletes
+//   u32      nearest-neighbour sets, then per set: u32 k, u64 count, count
+//            points (dims doubles)
 //
 // Every coordinate is a float32 value held in a double: SQLite's R*Tree
 // stores float32, and only boxes it can hold exactly give the same answers
@@ -42,6 +44,12 @@ struct QuerySet {
   std::vector<Box> boxes;
 };
 
+// Nearest-neighbour queries: the k entries nearest to each point.
+struct NearestSet {
+  uint32_t k = 0;
+  std::vector<Box> points;  // lo == hi
+};
+
 struct Workload {
   std::string name;
   int dims = 2;
@@ -49,6 +57,7 @@ struct Workload {
   std::vector<QuerySet> sets;
   std::vector<uint64_t> deletes;  // positions into `entries`
   uint32_t verify_set = 0;        // query set rerun after the deletes
+  std::vector<NearestSet> nearest;
 };
 
 // Both return "" on success, else a message naming the file.
@@ -61,6 +70,21 @@ inline bool overlaps(const Box& a, const Box& b, int dims) {
   for (int k = 0; k < dims; ++k)
     if (a.lo[k] > b.hi[k] || b.lo[k] > a.hi[k]) return false;
   return true;
+}
+
+// Squared distance between an entry and a query over the first `dims` axes,
+// computed as the library computes it (per axis the gap between the
+// intervals, 0 where they meet, squared and summed in axis order), so that
+// every system's answers are measured alike.
+inline double dist2(const Box& e, const Box& q, int dims) {
+  double sum = 0.0;
+  for (int k = 0; k < dims; ++k) {
+    const double above = e.lo[k] - q.hi[k], below = q.lo[k] - e.hi[k];
+    double gap = above > below ? above : below;
+    gap = gap > 0.0 ? gap : 0.0;
+    sum += gap * gap;
+  }
+  return sum;
 }
 
 // Order-independent digest of a set of hits: the count and a sum of mixed

@@ -147,18 +147,18 @@ std::vector<Row> run_child(const Harness& h, const std::string& job, const std::
   return rows;
 }
 
-std::vector<std::string> hit_mismatches(const Row& oracle, const Row& row, size_t n_sets) {
-  std::vector<std::string> keys;
-  for (size_t s = 0; s < n_sets; ++s) keys.push_back("hits." + std::to_string(s));
-  keys.push_back("hits_del");
+std::vector<std::string> hit_mismatches(const Row& oracle, const Row& row) {
   std::vector<std::string> out;
-  for (const std::string& k : keys) {
+  for (const auto& [k, values] : row.kv) {
+    if (k.rfind("hits", 0) != 0 && k.rfind("nhits", 0) != 0) continue;
     auto want = oracle.hits(k), got = row.hits(k);
     if (!got) continue;
     if (!want || !(*got == *want))
       out.push_back(row.label + " " + k + ": " + std::to_string(got->count) + " hits, oracle " +
                     (want ? std::to_string(want->count) : "none") +
-                    (want && got->count == want->count ? " (different rowids)" : ""));
+                    (want && got->count == want->count
+                         ? (k[0] == 'n' ? " (different answers)" : " (different rowids)")
+                         : ""));
   }
   return out;
 }

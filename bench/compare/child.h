@@ -41,9 +41,10 @@ struct Row {
 std::vector<Row> run_child(const Harness& h, const std::string& job, const std::string& workload,
                            const std::vector<std::string>& extra = {});
 
-// One line per hit set of `row` whose rowids are not the oracle's. A row
-// answers only the sets it ran; the oracle answers all of them.
-std::vector<std::string> hit_mismatches(const Row& oracle, const Row& row, size_t n_sets);
+// One line per digest of `row` (hits.<set>, hits_del, nhits_<what>.<set>)
+// that is not the oracle's. A row gives only the digests of what it ran and
+// of what its system promises; the oracle gives all of them.
+std::vector<std::string> hit_mismatches(const Row& oracle, const Row& row);
 
 std::vector<std::string> split(const std::string& s, char sep);
 

@@ -110,12 +110,64 @@ void write_tables(std::ostream& md, const LibraryResult& r) {
   }
 }
 
+// The peer a nearest-neighbour ratio is against: libspatialindex bulk-built
+// in memory, like ours bulk-built; else whichever of its variants ran.
+const Row* sidx_row(const LibraryResult& r) {
+  if (const Row* row = find_row(r, "sidx:mem-str#0")) return row;
+  for (const Row& row : r.rows)
+    if (row.job.rfind("sidx:", 0) == 0 && row.ran()) return &row;
+  return nullptr;
+}
+
+std::string k_name(uint32_t k) {
+  return "k = " + std::to_string(k);
+}
+
+// Queries per second of every system that answered the nearest-neighbour
+// sets, and each one's ratios against Boost's R* tree and libspatialindex.
+void write_nearest(std::ostream& md, const LibraryResult& r) {
+  const size_t n = r.info.nn_k.size();
+  if (n == 0) return;
+  const Row* rstar = find_row(r, "boost:rstar#0");
+  const Row* sidx = sidx_row(r);
+  md << "\nNearest neighbours: the k entries nearest to a point (the centre of a random entry),";
+  for (size_t s = 0; s < n; ++s)
+    md << (s ? "," : "") << " " << r.info.nn_queries[s] << " × " << k_name(r.info.nn_k[s]);
+  md << "; queries/s, answers held against the oracle's by (distance, rowid) as far as each "
+        "system promises (bench/README.md). Ratios are against "
+     << (rstar ? rstar->label : "—") << " and " << (sidx ? sidx->label : "—") << ", "
+     << "each k in turn.\n\n| system |";
+  for (size_t s = 0; s < n; ++s) md << " q/s " << k_name(r.info.nn_k[s]) << " |";
+  md << " vs Boost R* | vs libspatialindex | answers |\n|---|";
+  for (size_t s = 0; s < n + 3; ++s) md << (s == n + 2 ? "---|" : "---:|");
+  md << "\n";
+  auto ratios = [&](const Row& row, const Row* base) {
+    if (base == nullptr) return std::string("—");
+    std::string out;
+    for (size_t s = 0; s < n; ++s) {
+      const std::string key = "nn_per_s." + std::to_string(s);
+      out += (s ? " / " : "") + ratio(speedup(row, *base, key, false));
+    }
+    return out;
+  };
+  for (const Row& row : r.rows) {
+    // The oracle's nearest neighbours come from a sweep, not an index.
+    if (!row.ran() || !row.num("nn_per_s.0") || row.job.rfind("brute:", 0) == 0) continue;
+    md << "| " << row.label << " |";
+    for (size_t s = 0; s < n; ++s)
+      md << " " << rate(row.num("nn_per_s." + std::to_string(s))) << " |";
+    bool bad = false;
+    for (const std::string& m : r.mismatches) bad |= m.rfind(row.label + " nhits", 0) == 0;
+    md << " " << ratios(row, rstar) << " | " << ratios(row, sidx) << " |"
+       << (bad ? " **MISMATCH** |" : " ok |") << "\n";
+  }
+}
+
 // The goals we hold ourselves to, each checked on the figures of this run.
 void write_targets(std::ostream& md, const LibraryResult& r) {
   const Row* sq = find_row(r, "sqlite:file#0");
   const Row* pack = find_row(r, "boost:pack#0");
   const Row* rstar = find_row(r, "boost:rstar#0");
-  if (sq == nullptr) return;
   const std::string q = "q_per_s." + std::to_string(r.info.set_near(1e-4));
   struct Goal {
     std::string what;
@@ -124,11 +176,22 @@ void write_targets(std::ostream& md, const LibraryResult& r) {
     bool at_least;
   };
   std::vector<Goal> goals;
+  // Nearest neighbours on a bulk-built tree through one warm handle.
+  const Row* ours = find_row(r, "zq:bulk-file#0");
+  const Row* sidx = sidx_row(r);
+  for (size_t s = 0; ours != nullptr && s < r.info.nn_k.size(); ++s) {
+    const std::string key = "nn_per_s." + std::to_string(s);
+    const std::string what = "nearest, " + k_name(r.info.nn_k[s]) + ", bulk-built, warm handle vs ";
+    if (rstar) goals.push_back({what + "Boost rstar", speedup(*ours, *rstar, key, false), 1, true});
+    if (sidx)
+      goals.push_back({what + "libspatialindex", speedup(*ours, *sidx, key, false), 5, true});
+  }
   auto inv = [](std::optional<double> v) -> std::optional<double> {
     if (!v || *v <= 0) return std::nullopt;
     return 1.0 / *v;
   };
   for (const char* tree : {"bulk", "incr"}) {
+    if (sq == nullptr) break;
     const Row* batch = find_row(r, std::string("zq:") + tree + "-file#0");
     const Row* cold = find_row(r, std::string("zq:") + tree + "-file#1");
     if (batch == nullptr) continue;
@@ -175,7 +238,8 @@ const Metric kMetrics[] = {{"build (bulk, else by inserts)", "build", true},
                            {"queries/s, smallest windows", "q_per_s.0", false},
                            {"queries/s, middle windows", "q_per_s.1", false},
                            {"queries/s, largest windows", "q_per_s.2", false},
-                           {"deletes/s", "delete_per_s", false}};
+                           {"deletes/s", "delete_per_s", false},
+                           {"nearest neighbours/s, middle k", "nn_per_s.1", false}};
 
 std::optional<double> chart_value(const Row& row, const Row& base, const Metric& m) {
   if (std::string(m.key) == "build") {
@@ -205,6 +269,11 @@ std::string chart(const std::vector<LibraryResult>& results) {
   // Query panels are named by the first workload's selectivities.
   auto title = [&](const Metric& m) {
     const std::string key = m.key;
+    if (key.rfind("nn_per_s.", 0) == 0 && !results.empty()) {
+      const size_t set = std::stoul(key.substr(9));
+      if (set < results[0].info.nn_k.size())
+        return "nearest neighbours/s, " + k_name(results[0].info.nn_k[set]);
+    }
     if (key.rfind("q_per_s.", 0) != 0 || results.empty()) return std::string(m.title);
     const size_t set = std::stoul(key.substr(8));
     if (set >= results[0].info.sels.size()) return std::string(m.title);
@@ -276,13 +345,14 @@ void LibraryResult::finish() {
     if (rows[i].ran() && !is_ours(rows[i].job)) base = i;
   for (const Row& row : rows)
     if (row.ran()) {
-      auto m = hit_mismatches(oracle, row, info.sels.size());
+      auto m = hit_mismatches(oracle, row);
       mismatches.insert(mismatches.end(), m.begin(), m.end());
     }
 }
 
 void write_library(std::ostream& md, const LibraryResult& r) {
   write_tables(md, r);
+  write_nearest(md, r);
   write_targets(md, r);
 }
 

@@ -22,6 +22,10 @@ WorkloadInfo WorkloadInfo::of(const Workload& w) {
     info.sels.push_back(s.selectivity);
     info.n_queries.push_back(s.boxes.size());
   }
+  for (const NearestSet& s : w.nearest) {
+    info.nn_k.push_back(s.k);
+    info.nn_queries.push_back(s.points.size());
+  }
   return info;
 }
 

@@ -20,6 +20,8 @@ struct WorkloadInfo {
   std::vector<double> sels;  // selectivity of each query set
   std::vector<size_t> n_queries;
   uint32_t verify_set = 0;
+  std::vector<uint32_t> nn_k;  // k of each nearest-neighbour set
+  std::vector<size_t> nn_queries;
 
   static WorkloadInfo of(const Workload& w);
   // The query set whose selectivity is nearest to `sel` (by ratio).

@@ -239,7 +239,7 @@ SqlResult run_sql_path(const Harness& h, const std::string& workload, const Work
           r.bad[c] = "failed";
         } else {
           r.labels[c] = row.label;
-          std::vector<std::string> wrong = hit_mismatches(oracle, row, info.sels.size());
+          std::vector<std::string> wrong = hit_mismatches(oracle, row);
           // A window or delete process that reports no hits has not been checked.
           const std::string key = hits_key(m);
           if (!key.empty() && !row.hits(key)) wrong.push_back(row.label + ": no " + key);

@@ -17,6 +17,8 @@
 // grow): SQLite's R*Tree stores float32, and all systems must index exactly
 // the same boxes for their answers to agree. Queries are squares (cubes) of
 // the data's extent scaled to the selectivity, centred on random entries.
+// Nearest-neighbour queries (--nearest K:COUNT,...) are the centres of
+// random entries, rounded to float32, each asking for its K nearest.
 // Deletions are a seeded random sample of the entries.
 //
 // Exit status 3 means a real data set is absent, which callers treat as
@@ -50,6 +52,7 @@ struct Args {
   uint64_t seed = 42;
   std::string queries = "0.00001:10000,0.0001:10000,0.01:200";
   double deletes = 0.1;
+  std::string nearest;  // "K:COUNT,..."; none when empty
 };
 
 class Rng {
@@ -312,13 +315,38 @@ std::string make_queries(const Args& a, Workload* w) {
   return "";
 }
 
+std::string make_nearest(const Args& a, Workload* w) {
+  Rng rng(a.seed ^ 0x4e4eu);  // a stream of its own: the other queries stay as they were
+  const char* p = a.nearest.c_str();
+  while (*p != '\0') {
+    char* end = nullptr;
+    const unsigned long k = std::strtoul(p, &end, 10);
+    if (end == p || *end != ':' || k == 0 || k > 1000000) return "--nearest: want K:COUNT,...";
+    p = end + 1;
+    const unsigned long long count = std::strtoull(p, &end, 10);
+    if (end == p) return "--nearest: want K:COUNT,...";
+    p = *end == ',' ? end + 1 : end;
+    NearestSet set;
+    set.k = static_cast<uint32_t>(k);
+    for (unsigned long long i = 0; i < count; ++i) {
+      const Box& at = w->entries[rng.below(w->entries.size())].box;
+      Box q;
+      for (int d = 0; d < w->dims; ++d)
+        q.lo[d] = q.hi[d] = static_cast<float>((at.lo[d] + at.hi[d]) / 2);
+      set.points.push_back(q);
+    }
+    w->nearest.push_back(std::move(set));
+  }
+  return "";
+}
+
 int usage() {
   std::fprintf(stderr,
                "usage: bench_gen --out FILE [--name LABEL]\n"
                "         (--dist uniform|clustered|diagonal|parcel [--kind boxes|points]\n"
                "          [--dims 2|3] [--n N] [--seed S]\n"
                "         | --csv FILE.csv.gz [--limit N])\n"
-               "         [--queries SEL:COUNT,...] [--deletes FRACTION]\n");
+               "         [--queries SEL:COUNT,...] [--nearest K:COUNT,...] [--deletes FRACTION]\n");
   return 2;
 }
 
@@ -352,6 +380,8 @@ int main(int argc, char** argv) {
       a.seed = std::strtoull(v, nullptr, 10);
     else if (key == "--queries")
       a.queries = v;
+    else if (key == "--nearest")
+      a.nearest = v;
     else if (key == "--deletes")
       a.deletes = std::atof(v);
     else
@@ -366,6 +396,7 @@ int main(int argc, char** argv) {
   bool missing = false;
   std::string err = a.csv.empty() ? generate(a, &w) : load_csv(a, &w, &missing);
   if (err.empty()) err = make_queries(a, &w);
+  if (err.empty()) err = make_nearest(a, &w);
   if (err.empty()) err = write_workload(a.out, w);
   if (!err.empty()) {
     std::fprintf(stderr, "bench_gen: %s\n", err.c_str());

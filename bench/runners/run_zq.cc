@@ -11,6 +11,8 @@
 // (in one read transaction; nothing is read before the first timed query),
 // and with a fresh handle and transaction per query. Nodes read per query
 // come from the second mode, counted as the host's SELECTs on the node table.
+// Nearest-neighbour queries follow the windows on the batch handle, warm
+// from them, through one cursor record whose queue memory serves them all.
 //
 // Options: --fill F (bulk fill, default the driver's 0.7), --cache-mb M (node
 // buffer per handle, all handles together 4 M; the rows then say so),
@@ -168,6 +170,21 @@ class Engine {
     return rc < 0 ? failure("search", rc) : "";
   }
 
+  // The k entries nearest to a point, as the cursor gives them: stepping
+  // no further than the k-th.
+  std::string nearest(rnn* nn, const Box& p, uint32_t k, std::vector<Entry>* out) {
+    const rtr_rect rect = to_rect(p);
+    int32_t rc = rnn_open(env_, nn, &rect, RNN_NO_LIMIT);
+    for (uint32_t i = 0; rc >= 0 && i < k && rnn_is_end(nn) == 0; ++i) {
+      rtr_cell cell;
+      rc = rnn_column(env_, nn, &cell, nullptr);
+      if (rc < 0) break;
+      out->push_back(Entry{cell.id, from_rect(cell.rect)});
+      if (i + 1 < k) rc = rnn_next(env_, nn);
+    }
+    return rc < 0 ? failure("nearest", rc) : "";
+  }
+
   sqlite3* db() const { return zqsess_db(sess_); }
   zq_env* env() const { return env_; }
 
@@ -238,6 +255,15 @@ std::string run(const Workload& w, const Options& opt, Report& report, bool bulk
   };
   if (!(err = eng.begin()).empty() || !(err = eng.handle(1, &batch_handle)).empty()) return err;
   err = run_query_sets(w, report, batch_query);
+  if (err.empty()) {
+    rnn nn;
+    rnn_init(&nn, batch_handle, 0);
+    err = run_nearest_sets(w, report, Ties::kOrdered,
+                           [&](const Box& p, uint32_t k, std::vector<Entry>* out) {
+                             return eng.nearest(&nn, p, k, out);
+                           });
+    rnn_close(eng.env(), &nn);
+  }
   rtr_mem_destroy(eng.env(), batch_handle);
   if (!err.empty() || !(err = eng.commit()).empty()) return err;
 

@@ -140,6 +140,11 @@ TEST(ExtFault, FailedChangesLeaveTheTablesAsTheyWere) {
        "UPDATE t SET lo0 = 150, hi0 = 160 WHERE id = 7",
        "COMMIT"},
       {"a rebuild at commit", "INSERT INTO t SELECT id + 1000, lo0, hi0, lo1, hi1 FROM t", "COMMIT"},
+      // A failed search changes nothing and leaves the transaction usable.
+      {"nearest rows", nullptr, "SELECT count(*) FROM t('nearest', 90, 90, 90, 90, 60)"},
+      {"nearest rows merged with deferred changes",
+       "INSERT INTO t VALUES (5000, 10, 12, 10, 12); DELETE FROM t WHERE id = 9",
+       "SELECT count(*) FROM t('nearest', 10, 10, 10, 10, 60)", true},
   };
   // Allocations may land on a node buffer and stop the child; engine calls
   // fail cleanly every time.

@@ -456,6 +456,10 @@ TEST_F(HostileTest, ExtensionRefusesBadInputAndChangesNothing) {
       {"SELECT * FROM t('within', 0, 1, 'a', 1)", "zq_min1 is not a number"},
       {"SELECT * FROM t('within', 2, 1, 0, 1)", "min0 2 is above max0 1"},
       {"SELECT * FROM t(x'00', 0, 1, 0, 1)", "the operator must be text"},
+      {"SELECT * FROM t('nearest', 0, 1, 0, 1, -2)", "zq_k -2 is not a whole number of 0 or more"},
+      {"SELECT * FROM t('nearest', 0, 1, 0, 1, 2.5)", "zq_k 2.5 is not a whole number"},
+      {"SELECT * FROM t('nearest', 2, 1, 0, 1)", "min0 2 is above max0 1"},
+      {"SELECT * FROM t('within', 0, 1, 0, 1, 3)", "goes with the operator 'nearest' only"},
       // Functions.
       {"SELECT zqrtree_load('t', 'SELECT 9223372036854775808, 0, 1, 0, 1')",
        "\"t\": loading: row 1 of the query: the id is not an integer"},
