@@ -199,7 +199,7 @@ std::string run_nearest_sets(const Workload& w, Report& report, Ties ties, const
       if (!err.empty()) return err;
     }
     const double secs = clock.seconds();
-    const std::string suffix = "." + std::to_string(s);
+    const std::string suffix = std::string(".").append(std::to_string(s));  // see above
     report.value("nn_per_s" + suffix, secs > 0 ? set.points.size() / secs : 0);
     NearestDigests d;
     for (size_t q = 0; q < answers.size(); ++q) {
