@@ -244,11 +244,16 @@ zq::Status TreeTxn::rebuild() {
         reader.get());
     if (!walked) return walked;
     if (!inner) return inner;
-    zq::Status fed;
-    last_.each([&](int64_t, uint32_t at) {
-      if (fed && ops_[at].insert) fed = put(ops_[at].entry);
-    });
-    return fed;
+    // The list is consumed as it is fed, and its index goes after it, so
+    // that its memory and the sorter's are not held at once: a failed
+    // rebuild fails the commit, which rolls the whole transaction back.
+    for (uint32_t at = 0; !ops_.empty(); ++at, ops_.pop_front()) {
+      const Op& op = ops_.front();
+      if (op.insert && *last_.find(op.entry.id) == at)
+        if (zq::Status fed = put(op.entry); !fed) return fed;
+    }
+    last_.release();
+    return zq::Status::ok();
   };
   s = index_->rebuild(zq::kDefaultFill, feed);
   rtr_.reset();
@@ -272,6 +277,7 @@ zq::Status TreeTxn::flush() {
     }
   }
   if (zq::detail::LeafMap* map = index_->leaf_map(); s && map != nullptr) s = map->apply();
+  forget_moves();  // a rebuild may have consumed the list, which active() looks at
   discard();
   return s;
 }

@@ -62,14 +62,14 @@ class LastChange {
     slots_.clear();
     size_ = 0;
   }
+  // clear() and the memory with it.
+  void release() {
+    std::vector<Slot>().swap(slots_);
+    size_ = 0;
+  }
   void put(int64_t id, uint32_t at);
   // Where the last change of `id` is, or null.
   const uint32_t* find(int64_t id) const;
-  template <class Visit>
-  void each(Visit visit) const {
-    for (const Slot& s : slots_)
-      if (s.used != 0) visit(s.id, s.at);
-  }
 
  private:
   struct Slot {
