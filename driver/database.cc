@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -202,6 +203,19 @@ void Database::apply(const Settings& settings) {
   if (settings.sort_mb) zqsess_set_sort_mem(session_, *settings.sort_mb * 1024 * 1024);
   if (settings.busy_timeout_s)
     sqlite3_busy_timeout(db(), static_cast<int>(*settings.busy_timeout_s * 1000));
+}
+
+// A handle reads the session's share when it is made, so the cap is the
+// share for that moment.
+BufferCap::BufferCap(Database& db, uint32_t mb)
+    : session_(db.session()),
+      total_mb_(zqsess_rtree_buf_total_mb(session_)),
+      handle_mb_(zqsess_rtree_buf_handle_mb(session_)) {
+  zqsess_set_rtree_buf_mb(session_, total_mb_, std::min(handle_mb_, mb));
+}
+
+BufferCap::~BufferCap() {
+  zqsess_set_rtree_buf_mb(session_, total_mb_, handle_mb_);
 }
 
 #ifdef ZQ_TEST_HOOKS

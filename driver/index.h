@@ -213,6 +213,22 @@ class Database {
   std::vector<LeafMapSlot> leaf_maps_;
 };
 
+// While it lives, each handle created on `db` takes at most `mb` megabytes of
+// node buffer (or the session's share, when smaller): for handles that read
+// each node about once, where a large buffer would only hold memory.
+class BufferCap {
+ public:
+  BufferCap(Database& db, uint32_t mb);
+  ~BufferCap();
+  BufferCap(const BufferCap&) = delete;
+  BufferCap& operator=(const BufferCap&) = delete;
+
+ private:
+  zq_session* session_;
+  uint32_t total_mb_;
+  uint32_t handle_mb_;
+};
+
 struct LoadOptions {
   double fill = kDefaultFill;  // nodes get trunc(fill * 51) entries; [kMinFill, 1]
   bool replace = false;        // drop the index's current entries first

@@ -53,6 +53,8 @@ Status detail::walk_tree(const Index& index, rtr_mem* rtr,
 Status Index::walk(const std::function<void(const NodeView&)>& visit) const {
   detail::UserOp txn(*db_, detail::UserOp::Mode::kRead);
   if (!txn.begun()) return txn.begun();
+  // A walk reads every node once: a buffer of them would only hold memory.
+  const BufferCap cap(*db_, 1);
   detail::Handle handle(*this, detail::Handle::Mode::kRead);
   if (!handle.created()) return handle.created();
   if (Status s = detail::walk_tree(*this, handle.get(), visit); !s) return s;

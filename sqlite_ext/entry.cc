@@ -23,6 +23,9 @@ bool same_sqlite_library(const void* loader_function);
 
 namespace {
 
+// The extension's sorter memory (ZQRTREE_SORT_MB overrides it).
+constexpr uint64_t kSortMb = 16;
+
 int x_begin(sqlite3_vtab*) {
   return SQLITE_OK;
 }
@@ -99,9 +102,15 @@ int init(sqlite3* db, char** err) {
 
 std::string Conn::open() {
   if (database_ != nullptr) return "";
-  // The tool's settings variables apply to the extension as well.
+  // Inside a user's process the extension shares memory with the program
+  // and SQLite's page cache, which already holds the node rows: it sorts in
+  // chunks that stay in the processor's cache (a 1M-entry build is faster so,
+  // not slower) unless told otherwise by the tool's settings variables.
   zq::Settings settings;
-  zq::Status s = zq::Settings::from_environment(&settings);
+  settings.sort_mb = kSortMb;
+  zq::Settings from_env;
+  zq::Status s = zq::Settings::from_environment(&from_env);
+  settings.merge(from_env);
   if (s) s = zq::Database::wrap(db, &database_);
   if (s) database_->apply(settings);
   return s ? "" : s.message();
