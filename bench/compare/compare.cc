@@ -70,7 +70,7 @@ void write_sql_intro(std::ostream& md) {
         "R*Tree builds only by inserts, so its bulk-built index is its `INSERT ... SELECT` "
         "one. Default is SQLite's defaults (rollback journal, 2 MB page cache, 4 KB pages) "
         "for both; best is SQLite with `PRAGMA cache_size=-262144` (256 MB) and ours with "
-        "its documented best, `PRAGMA journal_mode=WAL` (the lists are `kConfigs` in "
+        "its documented best, `PRAGMA journal_mode=WAL` and the same page cache (the lists are `kConfigs` in "
         "bench/runners/run_sql.cc). Every measurement of every configuration is a process of "
         "its own; the rounds interleave them (A B A B ...). Ratios are × as fast (for file "
         "and memory, × as large); the targets are issue 13's, in wall time, against SQLite's "
