@@ -278,12 +278,17 @@ TEST_F(DriverTest, AProgramGroupsOperationsInItsOwnTransaction) {
   EXPECT_EQ(index.remove(999999).kind(), Status::Kind::kNotFound);  // fails inside its savepoint
   EXPECT_EQ(zqtest::dump_database(path_), empty);
   expect_matches_model(index, model, 6);
+  uint64_t n = 0;
+  ASSERT_TRUE(index.count(&n));
+  EXPECT_EQ(n, model.size());
   ASSERT_TRUE(db_->commit());
   expect_matches_model(index, model, 7);
   expect_sound(index);
   const std::string committed = zqtest::dump_database(path_);
   ASSERT_TRUE(db_->begin());
   ASSERT_TRUE(index.remove(200));
+  ASSERT_TRUE(index.count(&n));
+  EXPECT_EQ(n, model.size() - 1);
   db_->rollback();
   EXPECT_EQ(zqtest::dump_database(path_), committed);
   expect_matches_model(index, model, 8);
