@@ -12,7 +12,9 @@
 //      parent_id is 0, each child's level is its parent's minus one (so every
 //      leaf is at the same depth), its parent_id names the node holding its
 //      entry, every branch box contains all of its child's entries, only the
-//      root may be empty, and no node is reached twice;
+//      root may be empty (a leaf root; a branch root holds at least two
+//      entries, as every tree the library makes does), and no node is
+//      reached twice;
 //   4. the table holds no row the walk did not reach.
 // The first violation is reported with the node it was found at. A minimum
 // fill is deliberately not required: incremental trees may be sparse.

@@ -27,6 +27,13 @@ class Walker {
     if (r.parent != 0)
       return violation(RTR_ROOT_ID,
                        "the root's parent_id is " + std::to_string(r.parent) + ", not 0");
+    // Every tree the library makes has a branch root of two entries or more
+    // (a root left with one is shortened); on one with fewer, a delete that
+    // empties its child would leave it nothing to put that child's entries in.
+    if (r.level > 0 && r.cells.size() < 2)
+      return violation(RTR_ROOT_ID, "the root is a branch of level " + std::to_string(r.level) +
+                                        " with " + std::to_string(r.cells.size()) +
+                                        " entries; a branch root holds at least 2");
     stats_->height = r.level + 1;
     stats_->nodes_per_level.assign(r.level + 1, 0);
     stats_->cells_per_level.assign(r.level + 1, 0);

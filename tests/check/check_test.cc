@@ -215,6 +215,16 @@ const Damage kDamages[] = {
            " OR parent_id IN (SELECT rowid FROM \"MDRT$t\" WHERE parent_id = " + l + ")");
      },
      "not reachable"},
+    {"BranchRootWithOneEntry",  // a delete emptying its child would find no leaf
+     [](CheckTest& t) {
+       std::vector<uint8_t> b = t.blob(RTR_ROOT_ID);
+       const uint32_t one = 1;
+       std::memcpy(b.data(), &one, 4);
+       b.resize(4 + kEntry);
+       t.set_blob(RTR_ROOT_ID, b);
+       return int64_t{RTR_ROOT_ID};
+     },
+     "at least 2"},
     {"NodeReachedTwice",
      [](CheckTest& t) {
        std::vector<uint8_t> b = t.blob(RTR_ROOT_ID);
