@@ -12,6 +12,7 @@ jobs=${1:-2}
 types=${TYPES:-"Debug Release RelWithDebInfo MinSizeRel"}
 compilers=${COMPILERS:-"g++ clang++"}
 
+mkdir -p build-types
 for cxx in $compilers; do
   cc=gcc
   [ "$cxx" = clang++ ] && cc=clang
