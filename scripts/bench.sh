@@ -109,5 +109,21 @@ if [ "$mode" = full ] && [ -x "$bin/zq_micro" ]; then
     >"$out/micro.txt" || status=$?
 fi
 rm -f "$work"/*.db "$work"/*.db-wal "$work"/*.db-shm "$work"/*.idx "$work"/*.dat
-echo "results: $out/latest.md, $out/latest-sql.svg, $out/latest.svg" >&2
+
+# The PostgreSQL section: our SQL functions against PostGIS GiST in a
+# throwaway cluster, where the server can be installed and our extension
+# installed into it (as root); skipped with the reason otherwise.
+if [ "$mode" = full ]; then
+  if ! "$root/scripts/install-deps.sh" pg >/dev/null 2>&1; then
+    echo "note: PostgreSQL section skipped: PostgreSQL 15 cannot be installed here" >&2
+  elif [ ! -w "$(pg_config --pkglibdir)" ]; then
+    echo "note: PostgreSQL section skipped: $(id -un) cannot install into $(pg_config --pkglibdir)" >&2
+  else
+    # pg/ is configured only where pg_config is found: configure again now.
+    cmake -S "$root" -B "$build" >/dev/null &&
+      cmake --build "$build" -j "$jobs" --target pg_install >/dev/null &&
+      "$root/bench/pg/run.py" >"$out/latest-pg.md" || status=$?
+  fi
+fi
+echo "results: $out/latest.md, $out/latest-sql.svg, $out/latest.svg (and $out/latest-pg.md)" >&2
 exit "$status"
