@@ -78,14 +78,21 @@ fuzz:
 	  if [ $$rc -ne 0 ]; then tail -60 $$log; exit 1; fi; \
 	done
 
-# Only the tool and the libraries it runs on: no test suites.
-demo: deps $(BUILD)/CMakeCache.txt
-	cmake --build $(BUILD) -j $(JOBS) --target zqrtree_tool
-	scripts/demo.sh $(BUILD)
+# What a user builds: Release, no test hooks, no test suites. The demo runs
+# on it (the tool and the libraries it runs on only), and the package ships it.
+USER_BUILD ?= build-release
+$(USER_BUILD)/CMakeCache.txt:
+	cmake -S . -B $(USER_BUILD) -DCMAKE_BUILD_TYPE=Release -DZQ_BENCH=OFF $(CMAKE_FLAGS)
 
-# A Debian package of the installed tree (CPack): $(BUILD)/zqrtree_<version>_<arch>.deb.
-package: build
-	cd $(BUILD) && cpack -G DEB
+demo: deps $(USER_BUILD)/CMakeCache.txt
+	cmake --build $(USER_BUILD) -j $(JOBS) --target zqrtree_tool
+	scripts/demo.sh $(USER_BUILD)
+
+# A Debian package of the installed tree (CPack), from the user's build:
+# $(USER_BUILD)/zqrtree_<version>_<arch>.deb.
+package: deps $(USER_BUILD)/CMakeCache.txt
+	cmake --build $(USER_BUILD) -j $(JOBS)
+	cd $(USER_BUILD) && cpack -G DEB
 
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cc' '*.c')
@@ -107,4 +114,4 @@ bench: deps $(BENCH_BUILD)/CMakeCache.txt
 	scripts/bench.sh full $(BENCH_BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(USER_BUILD)
