@@ -134,6 +134,7 @@ class TextReporter : public zqengine::Reporter {
 }  // namespace
 
 extern "C" Datum zqrtree_engine_suite(PG_FUNCTION_ARGS) {
+  static_cast<void>(fcinfo);  // the suite takes no arguments
   StringInfoData out;
   initStringInfo(&out);
   for (size_t i = 0; i < zqengine::kEngineCaseCount; ++i) {
