@@ -125,5 +125,7 @@ if [ "$mode" = full ]; then
       "$root/bench/pg/run.py" >"$out/latest-pg.md" || status=$?
   fi
 fi
-echo "results: $out/latest.md, $out/latest-sql.svg, $out/latest.svg (and $out/latest-pg.md)" >&2
+pg_note=""
+[ "$mode" = full ] && [ -s "$out/latest-pg.md" ] && pg_note=", $out/latest-pg.md"
+echo "results: $out/latest.md, $out/latest-sql.svg, $out/latest.svg$pg_note" >&2
 exit "$status"
