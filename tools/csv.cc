@@ -65,10 +65,11 @@ bool CsvSource::next(zq::Entry* entry, zq::Status* status) {
 }
 
 // Fields as views into the line; a quoted field is the text between its
-// quotes, and one with doubled quotes inside is undoubled into unquoted_
-// (a number never holds a quote, so one such field a line is plenty).
+// quotes, and one with doubled quotes inside is undoubled into a string of
+// unquoted_ of its own (a deque: the views of earlier ones stay valid).
 zq::Status CsvSource::split(std::string_view line) {
   fields_.clear();
+  unquoted_.clear();
   size_t pos = 0;
   while (true) {
     while (pos < line.size() && (line[pos] == ' ' || line[pos] == '\t')) ++pos;
@@ -86,12 +87,12 @@ zq::Status CsvSource::split(std::string_view line) {
                                                where(), fields_.size() + 1));
       std::string_view inner = line.substr(pos + 1, close - pos - 1);
       if (doubled) {
-        unquoted_.clear();
+        std::string& plain = unquoted_.emplace_back();
         for (size_t i = 0; i < inner.size(); ++i) {
-          unquoted_ += inner[i];
+          plain += inner[i];
           if (inner[i] == '"') ++i;
         }
-        inner = unquoted_;
+        inner = plain;
       }
       fields_.push_back(inner);
       end = close + 1;

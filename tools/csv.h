@@ -7,6 +7,7 @@
 #ifndef ZQ_TOOLS_CSV_H
 #define ZQ_TOOLS_CSV_H
 
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -35,7 +36,7 @@ class CsvSource : public zq::EntrySource {
   LineReader lines_;
   uint64_t line_ = 0;
   std::vector<std::string_view> fields_;
-  std::string unquoted_;  // a quoted field with doubled quotes, undoubled
+  std::deque<std::string> unquoted_;  // quoted fields with doubled quotes, undoubled
 };
 
 }  // namespace zqtool

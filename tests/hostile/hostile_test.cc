@@ -253,7 +253,7 @@ TEST_F(HostileTest, ToolRefusesBadInputAndChangesNothing) {
       {"load {db} t {file}", 1, "data.csv.gz:2: min0 2 is above max0 1", "data.csv.gz",
        gzip("5,0,0,1,1\n6,2,2,1,1\n")},
       {"load {db} t {file}", 1, "quoted.csv:2: field 3 (min1): 'a\"b' is not a number",
-       "quoted.csv", "\"5\", \" 0\" ,0,\"1\",1\n6,0,\"a\"\"b\",1,1\n"},
+       "quoted.csv", "\"5\", \" 0\" ,0,\"1\",1\n6,0,\"a\"\"b\",\"c\"\"d\",1\n"},
       {"load {db} t {file} --layer x", 1, "--layer, --id-field and --where apply to GIS", "one.csv",
        "5,0,0,1,1\n"},
       {"load {db} t {file} --layer x", 1, "no layer 'x' (layers: one)", "one.geojson",
