@@ -213,8 +213,7 @@ Status LeafMap::write(const std::vector<std::pair<int64_t, int64_t>>& rows) {
   return Status::ok();
 }
 
-Status LeafMap::pairs(std::vector<std::pair<int64_t, int64_t>>* out) {
-  out->clear();
+Status LeafMap::each_block(const std::function<void(int64_t, const Block&)>& visit) {
   Stmt st(db_.db(),
           "SELECT block, leaves FROM " + qualified(schema_, rowid_table_) + " ORDER BY block");
   if (!st.ok()) return sql_failure(db_.db(), "reading " + rowid_table_);
@@ -226,13 +225,20 @@ Status LeafMap::pairs(std::vector<std::pair<int64_t, int64_t>>* out) {
     if (!decode_block(p, static_cast<size_t>(sqlite3_column_bytes(st.get(), 1)), &b.mask, b.leaf))
       return Status::invalid("block " + std::to_string(block) + " of " + rowid_table_ +
                              " is damaged");
+    visit(block, b);
+  }
+  if (rc != SQLITE_DONE) return sql_failure(db_.db(), "reading " + rowid_table_);
+  return Status::ok();
+}
+
+Status LeafMap::pairs(std::vector<std::pair<int64_t, int64_t>>* out) {
+  out->clear();
+  return each_block([out](int64_t block, const Block& b) {
     for (uint64_t bits = b.mask; bits != 0; bits &= bits - 1) {
       const unsigned i = static_cast<unsigned>(__builtin_ctzll(bits));
       out->emplace_back(block * 64 + i, b.leaf[i]);
     }
-  }
-  if (rc != SQLITE_DONE) return sql_failure(db_.db(), "reading " + rowid_table_);
-  return Status::ok();
+  });
 }
 
 Status LeafMap::bound(uint64_t* n) {
@@ -457,23 +463,15 @@ std::vector<std::pair<int64_t, int64_t>> LeafMap::settled() const {
 Status LeafMap::count(uint64_t* n) {
   // Bits block by block: listing the pairs to count them would take 16 bytes
   // a rowid (zqrtree_load counts before and after a build).
-  Stmt st(db_.db(), "SELECT block, leaves FROM " + qualified(schema_, rowid_table_));
-  if (!st.ok()) return sql_failure(db_.db(), "reading " + rowid_table_);
   int64_t total = 0;
-  int rc;
-  Block b;
-  while ((rc = st.step()) == SQLITE_ROW) {
-    const auto* p = static_cast<const uint8_t*>(sqlite3_column_blob(st.get(), 1));
-    if (!decode_block(p, static_cast<size_t>(sqlite3_column_bytes(st.get(), 1)), &b.mask, b.leaf))
-      return Status::invalid("block " + std::to_string(st.int64(0)) + " of " + rowid_table_ +
-                             " is damaged");
-    total += std::popcount(b.mask);
-  }
-  if (rc != SQLITE_DONE) return sql_failure(db_.db(), "reading " + rowid_table_);
+  if (Status s = each_block([&total](int64_t, const Block& b) { total += std::popcount(b.mask); });
+      !s)
+    return s;
   // Moves not written yet: a rowid now held counts unless the table lists it
   // already, one now gone stops counting if it does.
   std::vector<std::pair<int64_t, int64_t>> moved = settled();
   std::sort(moved.begin(), moved.end());
+  Block b;
   int64_t read = 0;
   bool any = false;
   for (const auto& [id, leaf] : moved) {

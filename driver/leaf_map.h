@@ -36,6 +36,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -106,6 +107,8 @@ class LeafMap {
   enum Kind { kReadLeaf, kReadBlock, kPutBlock, kDeleteBlock, kKinds };
   sqlite3_stmt* statement(Kind kind);
   Status read_block(int64_t block, Block* out);
+  // Every block of the table in block order, decoded; a damaged one fails.
+  Status each_block(const std::function<void(int64_t, const Block&)>& visit);
   Status write_block(int64_t block, const Block& b);
   // Writes the (rowid, leaf) rows, in rowid order, over what the table
   // holds; leaf 0 takes the rowid out.
