@@ -146,8 +146,8 @@ Status NearestScan::failure(int32_t code) {
 
 Status Index::nearest(const Box& query, const NearestOptions& options,
                       const std::function<bool(const Neighbour&)>& visit) const {
-  // One transaction gives the whole search one snapshot.
-  detail::UserOp txn(*db_);
+  // One transaction gives the whole search one snapshot; a read takes no lock.
+  detail::UserOp txn(*db_, detail::UserOp::Mode::kRead);
   if (!txn.begun()) return txn.begun();
   NearestScan scan(*this);
   Status s = scan.open(query, options);

@@ -389,6 +389,21 @@ TEST_F(DriverTest, NearestSearchesOnAKeptHandle) {
   });
   ASSERT_TRUE(s) << s.message();
   EXPECT_EQ(zqenv_live_allocs(db_->env()), live);
+
+  // A search is a read: it runs while another connection holds the write lock.
+  sqlite3* writer = nullptr;
+  ASSERT_EQ(sqlite3_open(path_.c_str(), &writer), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_busy_timeout(db_->db(), 0);
+  Near got;
+  s = index.nearest(parks[0].box, zq::NearestOptions{3}, [&](const zq::Neighbour& n) {
+    got.push_back({n.entry.id, n.distance});
+    return true;
+  });
+  EXPECT_TRUE(s) << s.message();
+  EXPECT_EQ(got, nearest_model(model, parks[0].box, 3, zq::NearestOptions{3}));
+  sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close(writer);
 }
 
 TEST_F(DriverTest, NamesAtTheLimitAndQuotesWork) {
