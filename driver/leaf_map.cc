@@ -390,18 +390,19 @@ int32_t LeafMap::moves(int64_t node, const Cells& before, const Cells& after) {
     if (j == after.n || (i < before.n && old_ids[i].id < new_ids[j].id)) {
       // Not recorded as held here: then this is the row the table names.
       const int64_t id = old_ids[i].id;
-      Where& w = where_[id];
+      Where& w = touch(id);
       if (!w.drop(node)) w.table = false;
       if (w.any() == 0 && !w.table) loose_[id] = before.box(old_ids[i].at);
       ++i;
     } else if (i == before.n || new_ids[j].id < old_ids[i].id) {
-      where_[new_ids[j].id].hold(node);
+      touch(new_ids[j].id).hold(node);
       loose_.erase(new_ids[j].id);
       ++j;
     } else {
       // Still here; if the entry was seen elsewhere since, this row holds
       // it again (it came back without this row ever being written).
-      if (auto it = where_.find(new_ids[j].id); it != where_.end()) it->second.hold(node);
+      if (maybe_touched(new_ids[j].id))
+        if (auto it = where_.find(new_ids[j].id); it != where_.end()) it->second.hold(node);
       ++i;
       ++j;
     }
@@ -420,7 +421,7 @@ Status LeafMap::table_leaf(int64_t id, int64_t* leaf, bool* found) {
 Status LeafMap::find(int64_t id, Box* box, bool* found) {
   int64_t leaf = 0;
   *found = false;
-  if (auto it = where_.find(id); it != where_.end()) {
+  if (auto it = maybe_touched(id) ? where_.find(id) : where_.end(); it != where_.end()) {
     leaf = it->second.any();
     if (leaf == 0 && !it->second.table) {
       auto loose = loose_.find(id);
@@ -497,7 +498,15 @@ Status LeafMap::apply() {
   return Status::ok();
 }
 
+LeafMap::Where& LeafMap::touch(int64_t id) {
+  if (touched_.empty()) touched_.assign((size_t{1} << kTouchedBits) / 64, 0);
+  const size_t b = touched_bit(id);
+  touched_[b / 64] |= uint64_t{1} << (b % 64);
+  return where_[id];
+}
+
 void LeafMap::forget() {
+  if (!where_.empty()) std::fill(touched_.begin(), touched_.end(), 0);
   where_.clear();
   loose_.clear();
   built_.clear();

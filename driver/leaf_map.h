@@ -124,6 +124,20 @@ class LeafMap {
   std::string rowid_table_;
   sqlite3_stmt* stmts_[kKinds] = {};
   std::unordered_map<int64_t, Where> where_;
+  // A bit per hash of each rowid where_ has held since forget(): most
+  // entries a write sees never moved, and this answers for them without a
+  // look-up in where_.
+  static constexpr int kTouchedBits = 20;
+  std::vector<uint64_t> touched_;
+  static size_t touched_bit(int64_t id) {
+    return static_cast<size_t>(static_cast<uint64_t>(id) * 0x9E3779B97F4A7C15ull >>
+                               (64 - kTouchedBits));
+  }
+  Where& touch(int64_t id);
+  bool maybe_touched(int64_t id) const {
+    const size_t b = touched_bit(id);
+    return !touched_.empty() && (touched_[b / 64] >> (b % 64) & 1) != 0;
+  }
   std::unordered_map<int64_t, Box> loose_;  // boxes of the rowids no stored row holds
   bool collecting_ = false;
   std::vector<std::pair<int64_t, int64_t>> built_;  // (rowid, leaf) of a bulk build
