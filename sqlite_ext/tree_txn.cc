@@ -19,10 +19,14 @@ namespace zqext {
 
 namespace {
 
-// A reading handle keeps fewer decoded nodes than a writing one: SQLite's
-// page cache holds the node rows anyway, and windows on a 1M-entry tree ran
-// no faster with 64 MB than with 16 (a writing handle's deletes did, by a
-// fifth, so it keeps the session's share).
+// Decoded nodes a handle keeps, in MB. SQLite's page cache holds the node
+// rows anyway, so more buys little: windows on a 1M-entry tree ran no faster
+// with 64 MB than with 16. A writing handle keeps the session's share, 24 MB
+// by default, a trade: a dirty node it lets go is written, and may be read
+// and written again, so 100k inserts spread over a 1M-entry tree take about
+// a third longer than with 64 MB, while a commit of 20,000 deletes (each
+// leaf written once) takes the same and stays within 1.5 times the memory of
+// SQLite's R*Tree given a 256 MB page cache.
 constexpr uint32_t kReadBufMb = 16;
 
 HandleRef create_handle(const zq::Index& index, uint32_t read_mode, zq::Status* status) {
@@ -45,45 +49,6 @@ HandleRef create_handle(const zq::Index& index, uint32_t read_mode, zq::Status* 
 
 }  // namespace
 
-// ---- LastChange ----
-
-size_t LastChange::home(int64_t id) const {
-  // Rowids are often dense: a multiplicative hash spreads them.
-  return static_cast<size_t>(static_cast<uint64_t>(id) * 0x9E3779B97F4A7C15ull >>
-                             (64 - std::countr_zero(slots_.size())));
-}
-
-void LastChange::put(int64_t id, uint32_t at) {
-  if (2 * (size_ + 1) > slots_.size()) {
-    std::vector<Slot> old = std::exchange(
-        slots_, std::vector<Slot>(std::max<size_t>(64, 2 * slots_.size()), Slot{0, 0, 0}));
-    size_ = 0;
-    for (const Slot& s : old)
-      if (s.used != 0) put(s.id, s.at);
-  }
-  for (size_t i = home(id);; i = (i + 1) & (slots_.size() - 1)) {
-    Slot& s = slots_[i];
-    if (s.used == 0) {
-      s = Slot{id, at, 1};
-      ++size_;
-      return;
-    }
-    if (s.id == id) {
-      s.at = at;
-      return;
-    }
-  }
-}
-
-const uint32_t* LastChange::find(int64_t id) const {
-  if (slots_.empty()) return nullptr;
-  for (size_t i = home(id);; i = (i + 1) & (slots_.size() - 1)) {
-    const Slot& s = slots_[i];
-    if (s.used == 0) return nullptr;
-    if (s.id == id) return &s.at;
-  }
-}
-
 // ---- TreeTxn ----
 
 void TreeTxn::track(bool on) {
@@ -93,7 +58,7 @@ void TreeTxn::track(bool on) {
   tracking_ = on && rc == 0;
 }
 
-zq::Status TreeTxn::apply(const Op& op) {
+zq::Status TreeTxn::apply(const ListedChange& op) {
   const rtr_rect rect = zq::to_rect(op.entry.box);
   int32_t rc;
   if (op.insert) {
@@ -107,11 +72,11 @@ zq::Status TreeTxn::apply(const Op& op) {
       db(), rc, (op.insert ? "inserting rowid " : "deleting rowid ") + std::to_string(op.entry.id));
 }
 
-zq::Status TreeTxn::ready() {
+zq::Status TreeTxn::ready(bool undoable) {
   if (rtr_ != nullptr && applied_ == ops_.size()) return zq::Status::ok();
+  track(undoable);
   if (rtr_ == nullptr) {
-    track(true);
-    if (!tracking_) return zq::Status::io("no memory to track the node table's rows");
+    if (undoable && !tracking_) return zq::Status::io("no memory to track the node table's rows");
     zq::Status s;
     rtr_ = create_handle(*index_, 0, &s);
     if (rtr_ == nullptr) return s;
@@ -120,7 +85,7 @@ zq::Status TreeTxn::ready() {
   // After a take-back the node table is as where the list starts, and the
   // list is what must be in the tree again.
   while (applied_ < ops_.size()) {
-    if (zq::Status s = apply(ops_[applied_]); !s) {
+    if (zq::Status s = apply(ops_.at(applied_)); !s) {
       // The list stays whole: the next use tries again, and a commit that
       // cannot rebuild it fails and rolls everything back.
       revert(ops_.size());
@@ -132,27 +97,35 @@ zq::Status TreeTxn::ready() {
 }
 
 void TreeTxn::push(bool insert, const zq::Entry& entry) {
-  ops_.push_back(Op{insert, entry});
-  last_.put(entry.id, static_cast<uint32_t>(ops_.size() - 1));
+  if (ops_.empty()) ops_ = ChangeList(index_->dims());
+  ops_.push(insert, entry);
+  try {
+    last_.put(entry.id, static_cast<uint32_t>(ops_.size() - 1), ops_);
+  } catch (const std::bad_alloc&) {
+    ops_.shorten(ops_.size() - 1);
+    throw;
+  }
   if (insert) top_ = std::max(top_, entry.id);
 }
 
 void TreeTxn::shorten(size_t length) {
   if (length >= ops_.size()) return;
-  ops_.resize(length);
-  // A rowid whose last change went may have an earlier one that stays.
+  ops_.shorten(length);
+  // A rowid whose last change went may have an earlier one that stays. The
+  // index keeps its size, so putting fewer rowids back never allocates.
   last_.clear();
   top_ = INT64_MIN;
   for (size_t i = 0; i < ops_.size(); ++i) {
-    last_.put(ops_[i].entry.id, static_cast<uint32_t>(i));
-    if (ops_[i].insert) top_ = std::max(top_, ops_[i].entry.id);
+    const ListedChange op = ops_.at(i);
+    last_.put(op.entry.id, static_cast<uint32_t>(i), ops_);
+    if (op.insert) top_ = std::max(top_, op.entry.id);
   }
 }
 
 int TreeTxn::changed(int64_t id, zq::Entry* entry) const {
-  const uint32_t* at = last_.find(id);
-  if (at == nullptr) return -1;
-  const Op& op = ops_[*at];
+  const int64_t at = last_.find(id, ops_);
+  if (at < 0) return -1;
+  const ListedChange op = ops_.at(static_cast<size_t>(at));
   if (op.insert) *entry = op.entry;
   return op.insert ? 1 : 0;
 }
@@ -220,7 +193,7 @@ zq::Status TreeTxn::trim() {
     if (zq::Status s = map->apply(); !s) return s;
   track(false);
   ops_.clear();
-  last_.clear();
+  last_.release();
   top_ = INT64_MIN;
   written_ = 0;
   applied_ = 0;
@@ -249,19 +222,22 @@ zq::Status TreeTxn::rebuild() {
   auto feed = [&](const std::function<zq::Status(const zq::Entry&)>& put) {
     zq::Status inner;
     zq::Status walked = index_->entries(
-        [&](const zq::Entry& e) { return last_.find(e.id) != nullptr || (inner = put(e)).is_ok(); },
+        [&](const zq::Entry& e) { return last_.find(e.id, ops_) >= 0 || (inner = put(e)).is_ok(); },
         reader.get());
     if (!walked) return walked;
     if (!inner) return inner;
-    // The list is consumed as it is fed, and its index goes after it, so
-    // that its memory and the sorter's are not held at once: a failed
-    // rebuild fails the commit, which rolls the whole transaction back.
-    for (uint32_t at = 0; !ops_.empty(); ++at, ops_.pop_front()) {
-      const Op& op = ops_.front();
-      if (op.insert && *last_.find(op.entry.id) == at)
+    // Which changes are their rowid's last, as a bit each; then the index
+    // goes, and the list is consumed as it is fed, so that neither is held
+    // with the sorter's memory: a failed rebuild fails the commit, which
+    // rolls the whole transaction back.
+    std::vector<bool> last(ops_.size());
+    last_.each([&](size_t at) { last[at] = true; });
+    last_.release();
+    for (size_t at = 0; !ops_.empty(); ++at, ops_.pop_front()) {
+      const ListedChange op = ops_.at(0);
+      if (op.insert && last[at])
         if (zq::Status fed = put(op.entry); !fed) return fed;
     }
-    last_.release();
     return zq::Status::ok();
   };
   s = index_->rebuild(zq::kDefaultFill, feed);
@@ -278,8 +254,8 @@ zq::Status TreeTxn::flush() {
     track(false);
     s = rebuild();
   } else if (s) {
-    s = ready();
-    track(false);
+    // Evicted nodes are written as the changes go in: untracked too.
+    s = ready(false);
     if (s && rtr_ != nullptr && applied_ > written_) {
       const int32_t rc = rtr_flush_all(db().env(), rtr_.get());
       if (rc < 0) s = engine_failure(db(), rc, "writing back the changed nodes");
@@ -298,7 +274,7 @@ void TreeTxn::discard() {
   written_ = 0;
   track(false);
   ops_.clear();
-  last_.clear();
+  last_.release();
   top_ = INT64_MIN;
   marks_.clear();
 }

@@ -40,11 +40,11 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <vector>
 
 #include "driver/index.h"
+#include "sqlite_ext/change_list.h"
 
 namespace zqext {
 
@@ -52,35 +52,6 @@ namespace zqext {
 // scan still open when the keeper lets go (a commit, a rollback) keeps it
 // alive until the scan closes.
 using HandleRef = std::shared_ptr<rtr_mem>;
-
-// Rowid -> where its last change is in a change list: open addressing over
-// a table at most half full, 16 bytes a slot, where a node-based map takes
-// about three times that a change (a transaction may list millions).
-class LastChange {
- public:
-  void clear() {
-    slots_.clear();
-    size_ = 0;
-  }
-  // clear() and the memory with it.
-  void release() {
-    std::vector<Slot>().swap(slots_);
-    size_ = 0;
-  }
-  void put(int64_t id, uint32_t at);
-  // Where the last change of `id` is, or null.
-  const uint32_t* find(int64_t id) const;
-
- private:
-  struct Slot {
-    int64_t id;
-    uint32_t at;
-    uint32_t used;
-  };
-  size_t home(int64_t id) const;
-  std::vector<Slot> slots_;  // a power of two, or empty
-  size_t size_ = 0;
-};
 
 class TreeTxn {
  public:
@@ -118,21 +89,19 @@ class TreeTxn {
   zq::Status rollback_to(int n);
 
  private:
-  struct Op {
-    bool insert;
-    zq::Entry entry;
-  };
   struct Mark {
     int n;
     size_t length;
   };
-  zq::Status ready();  // a handle holding every listed change
+  // A handle holding every listed change; `undoable` keeps the images of the
+  // rows it writes on the way, for a take-back to restore.
+  zq::Status ready(bool undoable = true);
   bool worth_rebuilding(zq::Status* status) const;
   zq::Status rebuild();
   void push(bool insert, const zq::Entry& entry);
   void shorten(size_t length);
   void forget_moves();
-  zq::Status apply(const Op& op);
+  zq::Status apply(const ListedChange& op);
   void track(bool on);
   zq::Database& db() const { return *index_->database(); }
 
@@ -141,7 +110,7 @@ class TreeTxn {
   bool tracking_ = false;
   size_t applied_ = 0;  // how many listed changes the node table and handle hold
   size_t written_ = 0;  // how many listed changes the node table holds
-  std::deque<Op> ops_;  // a deque: growing it never copies the whole list
+  ChangeList ops_{0};
   LastChange last_;
   int64_t top_ = INT64_MIN;
   std::vector<Mark> marks_;
