@@ -46,6 +46,13 @@ ListedChange ChangeList::at(size_t i) const {
   return out;
 }
 
+bool ChangeList::is_insert(size_t i) const {
+  const size_t pos = head_ + i;
+  const Chunk& c = chunks_[pos / kPerChunk];
+  const size_t slot = pos % kPerChunk;
+  return (c.inserts[slot / 64] >> (slot % 64) & 1) != 0;
+}
+
 int64_t ChangeList::id(size_t i) const {
   const Chunk* c = nullptr;
   size_t slot = 0;

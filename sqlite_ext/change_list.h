@@ -37,6 +37,7 @@ class ChangeList {
   // Throws std::bad_alloc, the list unchanged.
   void push(bool insert, const zq::Entry& entry);
   ListedChange at(size_t i) const;
+  bool is_insert(size_t i) const;
   int64_t id(size_t i) const;
   // Keeps the first `length` changes.
   void shorten(size_t length);

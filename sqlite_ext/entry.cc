@@ -23,11 +23,8 @@ bool same_sqlite_library(const void* loader_function);
 
 namespace {
 
-// The extension's sorter memory and a writing handle's node buffer
-// (ZQRTREE_SORT_MB and ZQRTREE_BUF_HANDLE_MB override them; tree_txn.cc says
-// why the buffer is this size).
+// The extension's sorter memory (ZQRTREE_SORT_MB overrides it).
 constexpr uint64_t kSortMb = 16;
-constexpr uint32_t kHandleMb = 24;
 
 int x_begin(sqlite3_vtab*) {
   return SQLITE_OK;
@@ -111,7 +108,6 @@ std::string Conn::open() {
   // not slower) unless told otherwise by the tool's settings variables.
   zq::Settings settings;
   settings.sort_mb = kSortMb;
-  settings.buf_handle_mb = kHandleMb;
   zq::Settings from_env;
   zq::Status s = zq::Settings::from_environment(&from_env);
   settings.merge(from_env);
