@@ -9,6 +9,7 @@
 // come out in order of distance however the tree was built.
 #include "zqrtree/nearest.h"
 
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <type_traits>
@@ -50,11 +51,19 @@ ZQ_GEOM_INLINE double dist2(const rtr_rect* e, const rtr_rect* q) {
 
 // Heap order. Equal distances go by id, so the delivery order of entries at
 // one distance is their rowid order, and node reads are reproducible too.
+// Queued distances are never NaN nor negative, and such doubles order as
+// their bits do: integer compares, which the compiler makes without the
+// branches a floating-point compare's unordered case costs.
+ZQ_GEOM_INLINE bool key_before(double da, int64_t ia, double db, int64_t ib) {
+  const auto a = std::bit_cast<uint64_t>(da);
+  const auto b = std::bit_cast<uint64_t>(db);
+  return a < b || (a == b && ia < ib);
+}
 ZQ_GEOM_INLINE bool before(const rnn_node_item& a, const rnn_node_item& b) {
-  return a.dist2 < b.dist2 || (a.dist2 == b.dist2 && a.node_id < b.node_id);
+  return key_before(a.dist2, a.node_id, b.dist2, b.node_id);
 }
 ZQ_GEOM_INLINE bool before(const rnn_entry_item& a, const rnn_entry_item& b) {
-  return a.dist2 < b.dist2 || (a.dist2 == b.dist2 && a.cell.id < b.cell.id);
+  return key_before(a.dist2, a.cell.id, b.dist2, b.cell.id);
 }
 
 template <class Item>
