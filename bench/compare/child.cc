@@ -73,8 +73,21 @@ std::vector<Row> parse_rows(const std::string& job, const std::string& out) {
 
 std::vector<Row> run_child(const Harness& h, const std::string& job, const std::string& workload,
                            const std::vector<std::string>& extra) {
+  // runner:variant, then any +option=value for that system alone.
   const auto colon = job.find(':');
-  const std::string runner = job.substr(0, colon), variant = job.substr(colon + 1);
+  const auto plus = job.find('+', colon);
+  const std::string runner = job.substr(0, colon);
+  const std::string variant =
+      job.substr(colon + 1, plus == std::string::npos ? plus : plus - colon - 1);
+  std::vector<std::string> own;
+  for (size_t at = plus; at != std::string::npos;) {
+    const size_t next = job.find('+', at + 1);
+    const std::string opt = job.substr(at + 1, next == std::string::npos ? next : next - at - 1);
+    const size_t eq = opt.find('=');
+    own.push_back("--" + opt.substr(0, eq));
+    if (eq != std::string::npos) own.push_back(opt.substr(eq + 1));
+    at = next;
+  }
   const std::string exe = h.bin + "/bench_run_" + runner;
   Row failed;
   failed.job = job + "#0";
@@ -89,6 +102,7 @@ std::vector<Row> run_child(const Harness& h, const std::string& job, const std::
     args.push_back("--" + k);
     args.push_back(v);
   }
+  args.insert(args.end(), own.begin(), own.end());
   args.insert(args.end(), extra.begin(), extra.end());
   int fds[2];
   if (pipe(fds) != 0) {
