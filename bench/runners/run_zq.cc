@@ -14,7 +14,7 @@
 // Nearest-neighbour queries follow the windows on the batch handle, warm
 // from them, through one cursor record whose queue memory serves them all.
 //
-// Options: --fill F (bulk fill, default the driver's 0.7), --cache-mb M (node
+// Options: --fill F (bulk fill, default 0.7), --cache-mb M (node
 // buffer per handle, all handles together 4 M; the rows then say so),
 // --sort-mb M (sorter memory). Without them the host's defaults hold.
 #include <sqlite3.h>
