@@ -73,7 +73,6 @@ class LastChange {
     std::vector<Slot>().swap(slots_);
     size_ = 0;
   }
-  size_t size() const { return size_; }
   // Throws std::bad_alloc, the index unchanged.
   void put(int64_t id, uint32_t at, const ChangeList& list);
   // The position of the last change of `id`, or -1.
