@@ -3,12 +3,10 @@
 #include "sqlite_ext/tree_txn.h"
 
 #include <algorithm>
-#include <bit>
 #include <functional>
 #include <new>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "driver/leaf_map.h"
 #include "host/host.h"
