@@ -86,6 +86,7 @@ int start_rowid(Cursor* c, sqlite3_value* arg) {
   bool found = false;
   if (zq::Status s = find_row(c->table, id, &c->entry, &found); !s)
     return cursor_fail(c, s.message());
+  c->table->row_memo = Table::RowMemo{true, found, c->entry};
   if (found) c->phase = Cursor::Phase::kRow;
   return SQLITE_OK;
 }
@@ -305,6 +306,7 @@ int x_close(sqlite3_vtab_cursor* cur) {
 int x_filter(sqlite3_vtab_cursor* cur, int idx_num, const char*, int, sqlite3_value** argv) {
   Cursor* c = cursor_of(cur);
   Table* t = c->table;
+  t->row_memo.valid = false;
   // Each search starts afresh: a refresh below may replace the session, and
   // the memory the library cursors hold goes with its environment.
   c->scan.reset();

@@ -75,6 +75,14 @@ struct Table : sqlite3_vtab {
   bool pending_stale = false;        // a rollback took that transaction's DDL away
   TreeTxn txn{&index};               // the open transaction's changes to the tree
   ReadHandle reader{&index};         // searches outside a write transaction
+  // What the last rowid search found, for the xUpdate that follows it in a
+  // DELETE or UPDATE ... WHERE id = ?: it spares that row a second lookup
+  // (the rowid table, then the leaf). Any search or change ends it.
+  struct RowMemo {
+    bool valid = false;
+    bool found = false;
+    zq::Entry entry;
+  } row_memo;
 
   bool deferred() const { return conn->deferred.count(key()) != 0; }
 

@@ -211,7 +211,12 @@ Table* find_table(Conn* conn, const std::string& qualified_name, std::string* er
     schema = qualified_name.substr(0, dot);
     name = qualified_name.substr(dot + 1);
   }
-  if (Table* t = lookup(conn, schema, name)) return t;
+  // A function that names the table may change it under a statement's
+  // rowid search: the search's memo is not to be trusted after it.
+  if (Table* t = lookup(conn, schema, name)) {
+    t->row_memo.valid = false;
+    return t;
+  }
   // Not used on this connection yet: naming it in a statement connects it.
   const std::string from = schema.empty() ? quote(name) : quote(schema) + "." + quote(name);
   Stmt probe(conn->db, "SELECT 0 FROM " + from + " LIMIT 0");

@@ -66,6 +66,7 @@ zq::Status undo(Table* t, Journal::Op* op, const Change& ch, zq::Status failed) 
 
 // The whole change or none of it.
 zq::Status apply_change(Table* t, const Change& ch) {
+  t->row_memo.valid = false;
   if (!t->deferred()) return apply_direct(t, ch);
   Journal& journal = t->conn->journal;
   if (zq::Status s = ensure_pending(t); !s) return s;
@@ -190,11 +191,17 @@ int x_update(sqlite3_vtab* vtab, int argc, sqlite3_value** argv, sqlite3_int64* 
   if (std::string err = t->conn->refresh(); !err.empty()) return fail(t, failure(*t, err));
   zqenv_err_clear(t->conn->database().env());
   Change ch;
+  const Table::RowMemo memo = t->row_memo;
+  t->row_memo.valid = false;
   const bool has_old = sqlite3_value_type(argv[0]) != SQLITE_NULL;
   if (has_old) {
     const int64_t old_id = sqlite3_value_int64(argv[0]);
-    if (zq::Status s = find_row(t, old_id, &ch.old_entry, &ch.has_old); !s)
+    if (memo.valid && memo.entry.id == old_id) {
+      ch.old_entry = memo.entry;
+      ch.has_old = memo.found;
+    } else if (zq::Status s = find_row(t, old_id, &ch.old_entry, &ch.has_old); !s) {
       return update_failed(t, "reading rowid " + std::to_string(old_id), s);
+    }
   }
   if (argc > 1) {
     ch.has_new = true;
