@@ -372,40 +372,65 @@ int64_t LeafMap::Where::any() const {
   return rows[1] != 0 ? rows[1] : rows[0];
 }
 
+namespace {
+
+// The ids of one leaf row, for membership tests: open addressing in a table
+// four times the largest row, so a probe seldom goes past its first slot.
+class RowIds {
+ public:
+  template <class Cells>
+  explicit RowIds(const Cells& cells) {
+    std::memset(used_, 0, sizeof used_);
+    for (uint32_t i = 0; i < cells.n; ++i) {
+      const int64_t id = cells.id(i);
+      uint32_t s = slot_of(id);
+      while (used_[s] && ids_[s] != id) s = (s + 1) & (kSlots - 1);
+      used_[s] = true;
+      ids_[s] = id;
+    }
+  }
+  bool has(int64_t id) const {
+    for (uint32_t s = slot_of(id); used_[s]; s = (s + 1) & (kSlots - 1))
+      if (ids_[s] == id) return true;
+    return false;
+  }
+
+ private:
+  static constexpr uint32_t kSlots = 256;
+  static_assert(kSlots >= 4 * RTR_MAX_CELLS);
+  static uint32_t slot_of(int64_t id) {
+    return static_cast<uint32_t>((static_cast<uint64_t>(id) * 0x9E3779B97F4A7C15ull) >> 56);
+  }
+  int64_t ids_[kSlots];
+  bool used_[kSlots];
+};
+
+}  // namespace
+
 int32_t LeafMap::moves(int64_t node, const Cells& before, const Cells& after) {
-  // Usually a write appends to a leaf or takes one entry out, so most ids
-  // are in both rows and only need a look-up.
-  struct Id {
-    int64_t id;
-    uint32_t at;
-    bool operator<(const Id& o) const { return id < o.id; }
-  };
-  Id old_ids[RTR_MAX_CELLS], new_ids[RTR_MAX_CELLS];
-  for (uint32_t i = 0; i < before.n; ++i) old_ids[i] = {before.id(i), i};
-  for (uint32_t i = 0; i < after.n; ++i) new_ids[i] = {after.id(i), i};
-  std::sort(old_ids, old_ids + before.n);
-  std::sort(new_ids, new_ids + after.n);
-  uint32_t i = 0, j = 0;
-  while (i < before.n || j < after.n) {
-    if (j == after.n || (i < before.n && old_ids[i].id < new_ids[j].id)) {
-      // Not recorded as held here: then this is the row the table names.
-      const int64_t id = old_ids[i].id;
-      Where& w = touch(id);
-      if (!w.drop(node)) w.table = false;
-      if (w.any() == 0 && !w.table) loose_[id] = before.box(old_ids[i].at);
-      ++i;
-    } else if (i == before.n || new_ids[j].id < old_ids[i].id) {
-      touch(new_ids[j].id).hold(node);
-      loose_.erase(new_ids[j].id);
-      ++j;
-    } else {
+  // Each id is settled on its own, so the rows are compared by membership,
+  // not by sorting them (which cost more than all the rest of a delete's
+  // bookkeeping here).
+  const RowIds in_before(before), in_after(after);
+  for (uint32_t i = 0; i < before.n; ++i) {
+    const int64_t id = before.id(i);
+    if (in_after.has(id)) {
       // Still here; if the entry was seen elsewhere since, this row holds
       // it again (it came back without this row ever being written).
-      if (maybe_touched(new_ids[j].id))
-        if (auto it = where_.find(new_ids[j].id); it != where_.end()) it->second.hold(node);
-      ++i;
-      ++j;
+      if (maybe_touched(id))
+        if (auto it = where_.find(id); it != where_.end()) it->second.hold(node);
+      continue;
     }
+    // Not recorded as held here: then this is the row the table names.
+    Where& w = touch(id);
+    if (!w.drop(node)) w.table = false;
+    if (w.any() == 0 && !w.table) loose_[id] = before.box(i);
+  }
+  for (uint32_t j = 0; j < after.n; ++j) {
+    const int64_t id = after.id(j);
+    if (in_before.has(id)) continue;
+    touch(id).hold(node);
+    loose_.erase(id);
   }
   return 0;
 }
