@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -85,7 +86,11 @@ void write_library_intro(std::ostream& md, const Options& opt) {
   md << "\n## The library path: libzqrtree and peer spatial indexes\n\n"
      << "Each system is driven through its own API (ours: the exported `rtr_*` functions on "
         "the SQLite host, node buffer at the host's default unless a row says otherwise), "
-        "once, in a process of its own; ratios are against the first peer in the list. "
+        "in a process of its own once per round; "
+     << opt.rounds
+     << " rounds interleave the systems (A B A B ...) and every figure is the median of its "
+        "rounds (the brute-force oracle runs once). Ratios are against the first peer in the "
+        "list. "
      << (opt.harness.clock == "cpu" ? "Times are each process's CPU time."
                                     : "Times are wall-clock.")
      << " No query runs before the timed sets.\n";
@@ -145,6 +150,44 @@ int usage() {
   return 2;
 }
 
+// One system's rows over its rounds: the first round's, with each one-number
+// figure and the peak memory replaced by their medians over the rounds that
+// ran. A round that failed, or gave other rows, is the result itself.
+std::vector<Row> median_rows(const std::vector<std::vector<Row>>& rounds) {
+  std::vector<Row> out = rounds.front();
+  for (const std::vector<Row>& other : rounds)
+    for (size_t i = 0; i < other.size(); ++i)
+      if (other.size() != out.size() || !other[i].ran()) return other;
+  auto median = [](std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v.size() % 2 == 1 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+  };
+  for (size_t i = 0; i < out.size(); ++i) {
+    std::vector<double> rss;
+    for (const std::vector<Row>& other : rounds)
+      rss.push_back(static_cast<double>(other[i].peak_rss_kb));
+    out[i].peak_rss_kb = static_cast<long>(median(rss));
+    for (auto& [key, vals] : out[i].kv) {
+      std::vector<double> v;
+      for (const std::vector<Row>& other : rounds) {
+        auto it = other[i].kv.find(key);
+        if (it == other[i].kv.end()) continue;
+        // Answers (count and digest) must be the same every round: a round
+        // that differs stands, so the oracle check sees it.
+        if (vals.size() != 1) {
+          if (it->second != vals) vals = it->second;
+          continue;
+        }
+        char* end = nullptr;
+        const double x = std::strtod(it->second[0].c_str(), &end);
+        if (end != it->second[0].c_str() && *end == '\0') v.push_back(x);
+      }
+      if (vals.size() == 1 && v.size() == rounds.size()) vals[0] = fmt("%.9g", median(v));
+    }
+  }
+  return out;
+}
+
 // Runs everything on one workload; false when a process failed or a hit differed.
 bool run_workload(const Options& opt, const std::string& file, const WorkloadInfo& info,
                   Results* res) {
@@ -170,9 +213,19 @@ bool run_workload(const Options& opt, const std::string& file, const WorkloadInf
     LibraryResult r;
     r.info = info;
     r.oracle = oracle.front();
+    // Every system once per round, the rounds interleaved like the SQL
+    // path's; each figure is then the median of its rounds.
+    std::map<std::string, std::vector<std::vector<Row>>> runs;
+    for (int round = 1; round <= opt.rounds; ++round) {
+      for (const std::string& job : opt.systems) {
+        if (job == kOracle && round > 1) continue;
+        std::fprintf(stderr, "bench_compare: %s: %s, round %d of %d ...\n", info.name.c_str(),
+                     job.c_str(), round, opt.rounds);
+        runs[job].push_back(job == kOracle ? oracle : run_child(opt.harness, job, file));
+      }
+    }
     for (const std::string& job : opt.systems) {
-      std::fprintf(stderr, "bench_compare: %s: %s ...\n", info.name.c_str(), job.c_str());
-      for (const Row& row : job == kOracle ? oracle : run_child(opt.harness, job, file)) {
+      for (const Row& row : median_rows(runs[job])) {
         if (row.status.rfind("failed", 0) == 0) {
           ok = false;
           std::fprintf(stderr, "bench_compare: %s: %s %s\n", info.name.c_str(), job.c_str(),
