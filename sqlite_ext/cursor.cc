@@ -38,7 +38,7 @@ struct Cursor : sqlite3_vtab_cursor {
   std::unique_ptr<NearestRows> nearest;
   zq::Entry entry;
   // The current row: `entry`, or while walking the tree the scan's own, read
-  // in place; a copy per hit was a tenth of a many-hit window's time.
+  // in place (a copy per hit cost a many-hit window a few percent).
   const zq::Entry* row = &entry;
   double distance = 0;  // the current row's, in kNearest
   uint32_t op = 0;
