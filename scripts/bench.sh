@@ -14,8 +14,8 @@
 # Peer runners exist only for the packages installed when the build was
 # configured; the configure step is rerun here so packages installed since
 # (make bench installs them) are picked up. A hit mismatch or a failed
-# runner makes the exit status non-zero. BENCH_ROUNDS sets the SQL path's
-# rounds (3). BENCH_CLOCK=cpu times the library path's CPU instead of
+# runner makes the exit status non-zero. BENCH_ROUNDS sets the rounds of
+# both paths (3). BENCH_CLOCK=cpu times the library path's CPU instead of
 # wall-clock time (the SQL path reports both).
 set -euo pipefail
 
