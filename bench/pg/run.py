@@ -4,15 +4,17 @@ against PostGIS GiST (CREATE INDEX ... USING gist on box geometries, &&
 window queries), on the same boxes in one throwaway cluster, with the same
 client: build, 0.01% and 1% windows, deletes, index size. Every window's
 answer and a post-delete check must be the same for both, or the run fails.
-Prints its own table; figures are ratios measured in the same run.
+Each measurement runs --rounds times, GiST and ours alternating (A B A B ...),
+and the table gives medians; figures are ratios measured in the same run.
 
-usage: bench/pg/run.py [--count 1000000] [--fill 0.9] [--build build]
+usage: bench/pg/run.py [--count 1000000] [--fill 0.9] [--rounds 3]
 Needs: scripts/install-deps.sh pg, and the extension installed (make test-pg
 or cmake --build BUILD --target pg_install), run as root or the cluster's
 owner."""
 import argparse
 import os
 import random
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -47,6 +49,7 @@ def main():
     ap.add_argument("--small", type=int, default=2000, help="0.01%% windows")
     ap.add_argument("--large", type=int, default=200, help="1%% windows")
     ap.add_argument("--deletes", type=int, default=2000)
+    ap.add_argument("--rounds", type=int, default=3)
     args = ap.parse_args()
 
     work = tempfile.mkdtemp(prefix="zqrtree-pgbench.")
@@ -78,10 +81,19 @@ def run(args, host):
     cur.execute("UPDATE boxes SET geom = ST_MakeEnvelope(x0, y0, x1, y1)")
     cur.execute("VACUUM ANALYZE boxes")
 
-    t_gist, _ = timed(lambda: cur.execute("CREATE INDEX boxes_gist ON boxes USING gist (geom)"))
-    cur.execute("SELECT zqrtree_create('b', 2)")
-    t_zq, _ = timed(lambda: cur.execute(
-        "SELECT zqrtree_load('b', 'SELECT id, x0, y0, x1, y1 FROM boxes', %s)", (args.fill,)))
+    # Builds: each round drops both indexes and builds them again.
+    t_gist, t_zq = [], []
+    for rnd in range(args.rounds):
+        if rnd > 0:
+            cur.execute("DROP INDEX boxes_gist")
+            cur.execute("SELECT zqrtree_drop('b')")
+        t_gist.append(timed(lambda: cur.execute(
+            "CREATE INDEX boxes_gist ON boxes USING gist (geom)"))[0])
+        cur.execute("SELECT zqrtree_create('b', 2)")
+        t_zq.append(timed(lambda: cur.execute(
+            "SELECT zqrtree_load('b', 'SELECT id, x0, y0, x1, y1 FROM boxes', %s)",
+            (args.fill,)))[0])
+    t_gist, t_zq = statistics.median(t_gist), statistics.median(t_zq)
     cur.execute("CHECKPOINT")
     cur.execute("SELECT pg_relation_size('boxes_gist'), pg_total_relation_size('\"MDRT$b\"')")
     size_gist, size_zq = cur.fetchone()
@@ -105,26 +117,36 @@ def run(args, host):
         qs = windows(rng, n, fraction)
         answers("g", qs[: min(20, n)])  # warm both the same
         answers("z", qs[: min(20, n)])
-        tg, ag = timed(lambda: answers("g", qs))
-        tz, az = timed(lambda: answers("z", qs))
-        mismatches += sum(1 for a, b in zip(ag, az) if a != b)
+        tg, tz = [], []
+        for _ in range(args.rounds):
+            d, ag = timed(lambda: answers("g", qs))
+            tg.append(d)
+            d, az = timed(lambda: answers("z", qs))
+            tz.append(d)
+            mismatches += sum(1 for a, b in zip(ag, az) if a != b)
         hits = sum(len(a) for a in az) / max(1, n)
-        results.append((f"{label} (queries/s, {hits:.0f} hits each)", n / tg, n / tz, "higher"))
+        results.append((f"{label} (queries/s, {hits:.0f} hits each)", n / statistics.median(tg),
+                        n / statistics.median(tz), "higher"))
 
-    ids = rng.sample(range(1, args.count + 1), args.deletes)
-    cur.execute("SELECT id, ARRAY[x0, y0, x1, y1] FROM boxes WHERE id = ANY(%s)", (ids,))
-    victims = cur.fetchall()
+    # Deletes: other entries every round, the same ones from both.
+    ids = rng.sample(range(1, args.count + 1), args.deletes * args.rounds)
+    tg, tz, count = [], [], 0
+    for rnd in range(args.rounds):
+        part = ids[rnd * args.deletes:(rnd + 1) * args.deletes]
+        cur.execute("SELECT id, ARRAY[x0, y0, x1, y1] FROM boxes WHERE id = ANY(%s)", (part,))
+        victims = cur.fetchall()
+        count = len(victims)
 
-    def delete_all(sql):
-        cur.execute("BEGIN")
-        for v in victims:
-            cur.execute(sql, v)
-        cur.execute("COMMIT")
+        def delete_all(sql):
+            cur.execute("BEGIN")
+            for v in victims:
+                cur.execute(sql, v)
+            cur.execute("COMMIT")
 
-    tg, _ = timed(lambda: delete_all("DELETE FROM boxes WHERE id = %s AND %s IS NOT NULL"))
-    tz, _ = timed(lambda: delete_all("SELECT zqrtree_delete('b', %s, %s)"))
-    results.append((f"{len(victims)} deletes, one transaction (deletes/s)", len(victims) / tg,
-                    len(victims) / tz, "higher"))
+        tg.append(timed(lambda: delete_all("DELETE FROM boxes WHERE id = %s AND %s IS NOT NULL"))[0])
+        tz.append(timed(lambda: delete_all("SELECT zqrtree_delete('b', %s, %s)"))[0])
+    results.append((f"{count} deletes, one transaction (deletes/s)", count / statistics.median(tg),
+                    count / statistics.median(tz), "higher"))
     after = windows(rng, 50, 1e-2)
     mismatches += sum(1 for a, b in zip(answers("g", after), answers("z", after)) if a != b)
 
@@ -132,7 +154,8 @@ def run(args, host):
     cur.execute("SELECT version(), extversion FROM pg_extension WHERE extname = 'postgis'")
     version, postgis = cur.fetchone()
     print(f"{version.split(' on ')[0]}, PostGIS {postgis}, shared_buffers 256MB, one client, "
-          f"prepared statements, autocommit; zqrtree fill {args.fill}\n")
+          f"prepared statements, autocommit; zqrtree fill {args.fill}; medians of "
+          f"{args.rounds} rounds, GiST and zqrtree alternating\n")
     print(f"| {'measure':<52} | {'GiST':>12} | {'zqrtree':>12} | {'ratio':>7} |")
     print(f"|{'-' * 54}|{'-' * 14}:|{'-' * 14}:|{'-' * 8}:|")
     print(f"| {'build (s; GiST: CREATE INDEX, zqrtree: zqrtree_load)':<52} | {t_gist:12.2f} | "
@@ -142,7 +165,7 @@ def run(args, host):
     print(f"| {'index size (MB; zqrtree: node table and its key)':<52} | {size_gist / 2**20:12.1f} | "
           f"{size_zq / 2**20:12.1f} | {size_zq / size_gist:6.2f}x |")
     print("\nratio: zqrtree's speed-up (build, queries, deletes) or size relative to GiST's")
-    print(f"answers compared: {args.small + args.large + 50} windows, "
+    print(f"answers compared: {(args.small + args.large) * args.rounds + 50} windows, "
           f"{'all the same' if mismatches == 0 else f'{mismatches} DIFFERENT'}")
     return 1 if mismatches else 0
 
