@@ -39,7 +39,7 @@ ListedChange ChangeList::at(size_t i) const {
   size_t slot = 0;
   const uint64_t* w = record(i, &c, &slot);
   ListedChange out;
-  out.insert = is_insert(i);
+  out.insert = insert_bit(*c, slot);
   out.entry.id = static_cast<int64_t>(w[0]);
   std::memcpy(out.entry.box.min, w + 1, sizeof(double) * dims_);
   std::memcpy(out.entry.box.max, w + 1 + dims_, sizeof(double) * dims_);
@@ -50,7 +50,7 @@ bool ChangeList::is_insert(size_t i) const {
   const Chunk* c = nullptr;
   size_t slot = 0;
   record(i, &c, &slot);
-  return (c->inserts[slot / 64] >> (slot % 64) & 1) != 0;
+  return insert_bit(*c, slot);
 }
 
 int64_t ChangeList::id(size_t i) const {

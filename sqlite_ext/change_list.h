@@ -51,6 +51,9 @@ class ChangeList {
     uint64_t inserts[kPerChunk / 64] = {};
   };
   const uint64_t* record(size_t i, const Chunk** chunk, size_t* slot) const;
+  static bool insert_bit(const Chunk& c, size_t slot) {
+    return (c.inserts[slot / 64] >> (slot % 64) & 1) != 0;
+  }
   size_t stride_;
   int dims_;
   std::deque<Chunk> chunks_;

@@ -77,7 +77,9 @@ struct Table : sqlite3_vtab {
   ReadHandle reader{&index};         // searches outside a write transaction
   // What the last rowid search found, for the xUpdate that follows it in a
   // DELETE or UPDATE ... WHERE id = ?: it spares that row a second lookup
-  // (the rowid table, then the leaf). Any search or change ends it.
+  // (the rowid table, then the leaf). Every change to the table goes through
+  // an xUpdate after an xFilter of its own statement, so the next xFilter,
+  // the next xUpdate, or a function naming the table ends it.
   struct RowMemo {
     bool valid = false;
     bool found = false;

@@ -338,7 +338,6 @@ void PendingScan::close() {
 
 int x_commit(sqlite3_vtab* vtab) {
   Table* t = static_cast<Table*>(vtab);
-  t->row_memo.valid = false;
   t->pending_made_in_txn = false;
   t->txn.discard();  // flushed by xSync; nothing is left unless it was never called
   return SQLITE_OK;
@@ -348,7 +347,6 @@ int x_commit(sqlite3_vtab* vtab) {
 // is gone with it; the next use makes a new one from the work list.
 int x_rollback(sqlite3_vtab* vtab) {
   Table* t = static_cast<Table*>(vtab);
-  t->row_memo.valid = false;
   if (t->pending != nullptr && t->pending_made_in_txn) t->pending_stale = true;
   t->pending_made_in_txn = false;
   t->txn.discard();
@@ -367,7 +365,6 @@ int x_release(sqlite3_vtab* vtab, int savepoint) {
 
 int x_rollback_to(sqlite3_vtab* vtab, int savepoint) {
   Table* t = static_cast<Table*>(vtab);
-  t->row_memo.valid = false;
   if (t->pending != nullptr && t->pending_made_in_txn) t->pending_stale = true;
   if (zq::Status s = t->txn.rollback_to(savepoint); !s)
     return fail(vtab, failure(*t, "rolling back to a savepoint: " + s.message()));

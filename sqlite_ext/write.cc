@@ -66,7 +66,6 @@ zq::Status undo(Table* t, Journal::Op* op, const Change& ch, zq::Status failed) 
 
 // The whole change or none of it.
 zq::Status apply_change(Table* t, const Change& ch) {
-  t->row_memo.valid = false;
   if (!t->deferred()) return apply_direct(t, ch);
   Journal& journal = t->conn->journal;
   if (zq::Status s = ensure_pending(t); !s) return s;

@@ -155,9 +155,11 @@ int usage() {
 // ran. A round that failed, or gave other rows, is the result itself.
 std::vector<Row> median_rows(const std::vector<std::vector<Row>>& rounds) {
   std::vector<Row> out = rounds.front();
-  for (const std::vector<Row>& other : rounds)
-    for (size_t i = 0; i < other.size(); ++i)
-      if (other.size() != out.size() || !other[i].ran()) return other;
+  for (const std::vector<Row>& other : rounds) {
+    if (other.size() != out.size()) return other;
+    for (const Row& row : other)
+      if (!row.ran()) return other;
+  }
   auto median = [](std::vector<double> v) {
     std::sort(v.begin(), v.end());
     return v.size() % 2 == 1 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
